@@ -1,0 +1,51 @@
+#include "pipeline/mean_kernels.h"
+
+namespace velmora {
+namespace scalar {
+
+void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t n) {
+  const double folded = static_cast<double>(n);
+  const double total = static_cast<double>(static_cast<int64_t>(n) + 1);
+  for (int64_t i = 0; i < count; ++i) {
+    mean[i] = (mean[i] * folded) / total + static_cast<double>(sample[i]) / total;
+  }
+}
+
+void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
+  // Every mean lies in 0..255, so truncation is the whole conversion: no rounding, no clamping.
+  for (int64_t i = 0; i < count; ++i) out[i] = static_cast<uint8_t>(static_cast<int32_t>(mean[i]));
+}
+
+}  // namespace scalar
+
+AccumulateMeanFn AccumulateMeanFor(Isa isa) {
+  switch (isa) {
+#if defined(VELMORA_HAVE_AVX2)
+    case Isa::kAvx2:
+      return avx2::AccumulateMean;
+#endif
+#if defined(VELMORA_HAVE_NEON)
+    case Isa::kNeon:
+      return neon::AccumulateMean;
+#endif
+    default:
+      return scalar::AccumulateMean;
+  }
+}
+
+MeanToBytesFn MeanToBytesFor(Isa isa) {
+  switch (isa) {
+#if defined(VELMORA_HAVE_AVX2)
+    case Isa::kAvx2:
+      return avx2::MeanToBytes;
+#endif
+#if defined(VELMORA_HAVE_NEON)
+    case Isa::kNeon:
+      return neon::MeanToBytes;
+#endif
+    default:
+      return scalar::MeanToBytes;
+  }
+}
+
+}  // namespace velmora

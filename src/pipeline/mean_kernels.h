@@ -1,0 +1,40 @@
+// Per-pixel kernels of the running mean. The scalar functions are the definitions; the ISA
+// variants give bit-identical results and are chosen at run time (see common/cpu.h).
+#ifndef VELMORA_PIPELINE_MEAN_KERNELS_H
+#define VELMORA_PIPELINE_MEAN_KERNELS_H
+
+#include <cstdint>
+
+#include "common/cpu.h"
+
+namespace velmora {
+
+// Folds count samples into their means, n being the frames already folded in:
+//   mean[i] = (mean[i] * n) / (n + 1) + sample[i] / (n + 1)
+// in double precision, in exactly this order (two divisions, one addition).
+using AccumulateMeanFn = void (*)(double* mean, const uint8_t* sample, int64_t count, int32_t n);
+
+// out[i] = the low 8 bits of mean[i] truncated toward zero to a signed 32-bit integer.
+using MeanToBytesFn = void (*)(const double* mean, uint8_t* out, int64_t count);
+
+namespace scalar {
+void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t n);
+void MeanToBytes(const double* mean, uint8_t* out, int64_t count);
+}  // namespace scalar
+
+namespace avx2 {
+void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t n);
+void MeanToBytes(const double* mean, uint8_t* out, int64_t count);
+}  // namespace avx2
+
+namespace neon {
+void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t n);
+void MeanToBytes(const double* mean, uint8_t* out, int64_t count);
+}  // namespace neon
+
+AccumulateMeanFn AccumulateMeanFor(Isa isa);
+MeanToBytesFn MeanToBytesFor(Isa isa);
+
+}  // namespace velmora
+
+#endif  // VELMORA_PIPELINE_MEAN_KERNELS_H

@@ -1,0 +1,10 @@
+/* Built as C11 with -pedantic -Werror: the app-facing header must stay plain C. */
+#include "velmora/flowing_water.h"
+
+int velmora_c_header_check(void) {
+    flowing_water_api api = {0};
+    image frame = {0};
+    rect roi = {0, 0, 0, 0};
+    if (flowing_water_get_API == 0) return -1;
+    return (int)sizeof api + (int)frame.plane_num + roi.x;
+}
