@@ -1,0 +1,301 @@
+#include "pipeline/flow_water_algo.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <thread>
+
+#include "common/threadPool.h"
+#include "test_util.h"
+
+namespace {
+
+using testutil::Frame;
+
+image MakeImage(Frame& frame, uint32_t format = 4) {
+  image img{};
+  img.attr0 = 11;
+  img.attr1 = 12;
+  img.plane_num = 2;
+  img.attr2 = 13;
+  img.attr3 = 14;
+  img.format = format;
+  img.planes[0] = {21, 22, static_cast<uint32_t>(frame.width), static_cast<uint32_t>(frame.height),
+                   23, frame.y.data()};
+  img.planes[1] = {31, 32, static_cast<uint32_t>(frame.width),
+                   static_cast<uint32_t>(frame.height / 2), 33, frame.uv.data()};
+  return img;
+}
+
+Frame Flat(int width, int height, uint8_t value) {
+  Frame frame{width, height, std::vector<uint8_t>(width * height, value),
+              std::vector<uint8_t>(width * (height / 2), value)};
+  return frame;
+}
+
+// Returns once every job queued so far has run: the pool has one worker and runs jobs in order.
+void DrainPool() {
+  std::promise<void> done;
+  ThreadPool::instance()->submit(
+      {[](void* p) { static_cast<std::promise<void>*>(p)->set_value(); }, &done});
+  done.get_future().wait();
+}
+
+// Holds the pool's worker until opened, so that frames handed in meanwhile stay queued.
+struct Blocker {
+  std::promise<void> open;
+  std::shared_future<void> opened = open.get_future().share();
+  void Submit() {
+    ThreadPool::instance()->submit(
+        {[](void* p) { static_cast<Blocker*>(p)->opened.wait(); }, this});
+  }
+};
+
+std::vector<double> Means(const image& acc, int plane) {
+  const double* data = reinterpret_cast<const double*>(acc.planes[plane].data);
+  return std::vector<double>(data, data + acc.planes[plane].width * acc.planes[plane].height);
+}
+
+class HandleTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    testing::internal::CaptureStdout();
+    testutil::TakeLogRecords();
+  }
+  void TearDown() override {
+    handle_.stop_process();
+    testing::internal::GetCapturedStdout();
+  }
+  // Feeds one frame and waits until the worker has folded it in.
+  void Feed(Frame& frame, rect roi = {1, 2, 3, 4}) {
+    image img = MakeImage(frame);
+    ASSERT_EQ(handle_.process_image(&img, &roi), 0);
+    DrainPool();
+  }
+  velmora_algo handle_;
+};
+
+TEST(CopyIMAGEMemory, CopiesHeaderAndPlanesInUseAndZeroesEmptyPlanes) {
+  Frame frame = testutil::RandomFrame(6, 4, 3);
+  image src = MakeImage(frame);
+  src.plane_num = 3;
+  src.planes[2] = {41, 42, 0, 5, 43, frame.y.data()};  // empty: record zeroed in the copy
+  image dst{};
+  uint8_t sentinel = 0;
+  dst.planes[3] = {9, 9, 9, 9, 9, &sentinel};  // beyond plane_num: left as it was
+
+  CopyIMAGEMemory(src, dst);
+  EXPECT_EQ(dst.attr0, 11u);
+  EXPECT_EQ(dst.attr3, 14u);
+  EXPECT_EQ(dst.format, 4u);
+  EXPECT_EQ(dst.plane_num, 3u);
+  for (int p = 0; p < 2; ++p) {
+    EXPECT_EQ(dst.planes[p].attr0, src.planes[p].attr0);
+    EXPECT_EQ(dst.planes[p].attr2, src.planes[p].attr2);
+    EXPECT_EQ(dst.planes[p].width, src.planes[p].width);
+    EXPECT_NE(dst.planes[p].data, src.planes[p].data) << "a deep copy";
+  }
+  EXPECT_EQ(0, std::memcmp(dst.planes[0].data, frame.y.data(), frame.y.size()));
+  EXPECT_EQ(0, std::memcmp(dst.planes[1].data, frame.uv.data(), frame.uv.size()));
+  EXPECT_EQ(dst.planes[2].attr0, 0u);
+  EXPECT_EQ(dst.planes[2].height, 0u);
+  EXPECT_EQ(dst.planes[2].data, nullptr);
+  EXPECT_EQ(dst.planes[3].data, &sentinel);
+
+  FreeIMAGEMemory(dst);
+  EXPECT_EQ(dst.planes[0].data, nullptr);
+  EXPECT_EQ(dst.planes[1].data, nullptr);
+  EXPECT_EQ(dst.planes[3].data, &sentinel);
+}
+
+TEST_F(HandleTest, RefusesFramesBeforeStartAndQueuesNothing) {
+  Frame frame = Flat(4, 4, 9);
+  image img = MakeImage(frame);
+  rect roi{};
+  EXPECT_EQ(handle_.process_image(&img, &roi), 0);
+  EXPECT_EQ(handle_.added_frames(), 0u);
+  const auto records = testutil::TakeLogRecords();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_NE(records[0].text.find("  process_image() process is stop or not start"),
+            std::string::npos);
+  EXPECT_EQ(records[0].priority, 6);
+}
+
+TEST_F(HandleTest, RefusesNullAndMalformedFramesWithoutCountingThem) {
+  handle_.start_process();
+  Frame frame = Flat(4, 4, 9);
+  rect roi{};
+  EXPECT_EQ(handle_.process_image(nullptr, &roi), 8192);
+  const struct {
+    uint32_t planes, format;
+    int status;
+  } cases[] = {{3, 4, 261}, {1, 4, 261}, {2, 3, 261}, {2, 6, 261}, {2, 0, 261}};
+  for (const auto& c : cases) {
+    image img = MakeImage(frame, c.format);
+    img.plane_num = c.planes;
+    EXPECT_EQ(handle_.process_image(&img, &roi), c.status) << c.planes << " " << c.format;
+  }
+  EXPECT_EQ(handle_.added_frames(), 0u);
+  for (uint32_t format : {4u, 5u}) {
+    image img = MakeImage(frame, format);
+    EXPECT_EQ(handle_.process_image(&img, &roi), 0);
+  }
+  EXPECT_EQ(handle_.added_frames(), 2u);
+  DrainPool();
+}
+
+TEST_F(HandleTest, FoldsFramesIntoARunningMeanInDoublePrecision) {
+  handle_.start_process();
+  Frame a = Flat(6, 4, 100);
+  Feed(a);
+  EXPECT_EQ(handle_.folded_frames(), 1);
+  EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(24, 100.0));
+  EXPECT_EQ(Means(handle_.mean_image(), 1), std::vector<double>(12, 100.0));
+
+  Frame b = Flat(6, 4, 255);
+  b.y[0] = 0;
+  Feed(b);
+  const auto luma = Means(handle_.mean_image(), 0);
+  EXPECT_EQ(luma[0], (100.0 * 1) / 2 + 0.0 / 2);
+  EXPECT_EQ(luma[1], 177.5);
+
+  // Many frames: every entry follows (mean * n) / (n + 1) + sample / (n + 1) exactly.
+  testutil::ReferenceMean reference;
+  reference.Fold(a);
+  reference.Fold(b);
+  for (uint32_t seed = 1; seed <= 9; ++seed) {
+    Frame f = testutil::RandomFrame(6, 4, seed);
+    Feed(f);
+    reference.Fold(f);
+  }
+  EXPECT_EQ(handle_.folded_frames(), 11);
+  EXPECT_EQ(Means(handle_.mean_image(), 0), reference.y);
+  EXPECT_EQ(Means(handle_.mean_image(), 1), reference.uv);
+}
+
+TEST_F(HandleTest, KeepsTheFirstFramesHeaderAndRectForTheRun) {
+  handle_.start_process();
+  Frame a = Flat(4, 2, 50);
+  Feed(a, {10, 20, 30, 40});
+  Frame b = Flat(4, 2, 60);
+  image img = MakeImage(b);
+  img.attr0 = 999;
+  rect later{7, 7, 7, 7};
+  handle_.process_image(&img, &later);
+  DrainPool();
+
+  std::vector<uint8_t> y(8), uv(4);
+  image out{};
+  out.planes[0].data = y.data();
+  out.planes[1].data = uv.data();
+  rect roi{};
+  ASSERT_EQ(handle_.get_process_image_result(&out, &roi), 0);
+  EXPECT_EQ(roi.x, 10);
+  EXPECT_EQ(roi.height, 40);
+  EXPECT_EQ(out.attr0, 11u);
+  EXPECT_EQ(out.planes[1].height, 1u);
+  EXPECT_EQ(y, std::vector<uint8_t>(8, 55));
+}
+
+TEST_F(HandleTest, StopDropsQueuedFramesButFinishesTheOneInProgress) {
+  handle_.start_process();
+  Frame first = Flat(8, 4, 10);
+  Feed(first);
+
+  Blocker blocker;
+  blocker.Submit();
+  Frame queued = Flat(8, 4, 200);
+  for (int i = 0; i < 5; ++i) {
+    image img = MakeImage(queued);
+    rect roi{};
+    ASSERT_EQ(handle_.process_image(&img, &roi), 0);
+  }
+  std::thread stopper([this] { handle_.stop_process(); });
+  ASSERT_TRUE(testutil::WaitForLogText("stop_process forceEnd end"));
+  blocker.open.set_value();
+  stopper.join();
+
+  EXPECT_EQ(handle_.added_frames(), 6u);
+  EXPECT_EQ(handle_.folded_frames(), 1);
+  EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(32, 10.0));
+}
+
+TEST_F(HandleTest, RestartBeginsANewMean) {
+  handle_.start_process();
+  Frame a = Flat(4, 4, 40);
+  Feed(a);
+  handle_.stop_process();
+
+  handle_.start_process();
+  Frame b = Flat(4, 4, 90);
+  Frame c = Flat(4, 4, 91);
+  Feed(b);
+  Feed(c);
+  EXPECT_EQ(handle_.folded_frames(), 2);
+  EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(16, 90.5));
+}
+
+TEST_F(HandleTest, ASecondFrameBeforeTheFirstIsFoldedSkipsInitialisation) {
+  // After a restart the previous run's buffers and header are reused: the new run's first frame
+  // header (attr0 = 77 here) never reaches the result.
+  handle_.start_process();
+  Frame a = Flat(4, 4, 40);
+  Feed(a);
+  handle_.stop_process();
+
+  handle_.start_process();
+  Blocker blocker;
+  blocker.Submit();
+  Frame b = Flat(4, 4, 90), c = Flat(4, 4, 100);
+  for (Frame* f : {&b, &c}) {
+    image img = MakeImage(*f);
+    img.attr0 = 77;
+    rect roi{};
+    handle_.process_image(&img, &roi);
+  }
+  blocker.open.set_value();
+  DrainPool();
+  EXPECT_EQ(handle_.folded_frames(), 2);
+  EXPECT_EQ(handle_.mean_image().attr0, 11u);
+  EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(16, 95.0));
+}
+
+TEST_F(HandleTest, WithoutAnyMeanBuffersEarlyFramesAreDroppedNotWrittenToNull) {
+  // The handle's very first run, second frame in before the first is folded: nothing was ever
+  // allocated, so there is nowhere to fold; the result stays empty.
+  handle_.start_process();
+  Blocker blocker;
+  blocker.Submit();
+  Frame b = Flat(4, 4, 90), c = Flat(4, 4, 100);
+  for (Frame* f : {&b, &c}) {
+    image img = MakeImage(*f);
+    rect roi{};
+    handle_.process_image(&img, &roi);
+  }
+  blocker.open.set_value();
+  DrainPool();
+  EXPECT_EQ(handle_.folded_frames(), 0);
+  EXPECT_EQ(handle_.mean_image().planes[0].data, nullptr);
+}
+
+TEST_F(HandleTest, ResultChecksItsOutputRecord) {
+  rect roi{};
+  EXPECT_EQ(handle_.get_process_image_result(nullptr, &roi), 8192);
+  std::vector<uint8_t> y(4, 1);
+  image out{};
+  out.planes[0].data = y.data();
+  EXPECT_EQ(handle_.get_process_image_result(&out, &roi), 65535);
+  EXPECT_EQ(y, std::vector<uint8_t>(4, 1)) << "nothing written";
+  // Before any frame the mean is empty: zero sizes come back and nothing is written.
+  std::vector<uint8_t> uv(4, 2);
+  out.planes[1].data = uv.data();
+  out.plane_num = 9;
+  EXPECT_EQ(handle_.get_process_image_result(&out, &roi), 0);
+  EXPECT_EQ(out.plane_num, 0u);
+  EXPECT_EQ(out.planes[0].width, 0u);
+  EXPECT_EQ(y, std::vector<uint8_t>(4, 1));
+}
+
+}  // namespace

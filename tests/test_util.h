@@ -1,0 +1,52 @@
+// Helpers shared by the tests: random frames, an independent reference of the pipeline's
+// arithmetic, and a capture of what the library hands to the Android log.
+#ifndef VELMORA_TESTS_TEST_UTIL_H
+#define VELMORA_TESTS_TEST_UTIL_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace testutil {
+
+std::vector<uint8_t> RandomBytes(size_t count, uint32_t seed);
+
+// A two-plane 4:2:0 frame held as two byte vectors (chroma: height / 2 rows of width bytes).
+struct Frame {
+  int width = 0;
+  int height = 0;
+  std::vector<uint8_t> y;
+  std::vector<uint8_t> uv;
+};
+Frame RandomFrame(int width, int height, uint32_t seed);
+
+// Running mean of frames in double precision, as a camera pipeline defines it:
+// mean = (mean * n) / (n + 1) + sample / (n + 1).
+struct ReferenceMean {
+  std::vector<double> y;
+  std::vector<double> uv;
+  int folded = 0;
+  void Fold(const Frame& frame);
+  // Truncated to bytes and sharpened in place with threshold 2 and amount 1.
+  Frame Result(int width, int height) const;
+};
+
+// The sharpen rule written out pixel by pixel, independently of the library: 3x3 binomial blur
+// (border cells take the source luma), thresholded unsharp mask, chroma rescaled by the ratio of
+// new luma to the re-read source luma.
+void ReferenceSharpen(const uint8_t* src_y, const uint8_t* src_uv, uint8_t* dst_y, uint8_t* dst_uv,
+                      int width, int height, int threshold, float amount);
+
+// One call of __android_log_write as the library made it.
+struct LogRecord {
+  int priority;
+  std::string tag;
+  std::string text;
+};
+std::vector<LogRecord> TakeLogRecords();  // returns and clears what was recorded
+// Blocks until a record whose text contains needle arrives (true) or a few seconds pass (false).
+bool WaitForLogText(const std::string& needle);
+
+}  // namespace testutil
+
+#endif  // VELMORA_TESTS_TEST_UTIL_H
