@@ -57,6 +57,11 @@ ThreadPool* ThreadPool::instance() {
 int ThreadPool::startup(int count) {
   if (running_) return -2;
 
+  // A shutdown can leave jobs queued (its single wait may be released by an earlier post). They
+  // belong to the stopped run, perhaps to a handle released since: they are dropped here, never
+  // run, and their arguments are not freed.
+  queue_.clear();
+  pending_ = 0;
   pthread_mutex_init(&mutex_, nullptr);
   pthread_cond_init(&cond_, nullptr);
   sem_init(&all_done_, 0, 0);
