@@ -23,14 +23,17 @@ constexpr int64_t kFoldBytesPerEntry = 2 * sizeof(double) + 1;
 // that the sharpen meets both flat areas and edges.
 struct FrameData {
   FrameData(int width, int height)
-      : luma(static_cast<size_t>(width) * height), chroma(luma / 2),
-        mean(luma + chroma), sample(luma + chroma) {
+      : luma(static_cast<size_t>(width) * height),
+        chroma(luma / 2),
+        mean(luma + chroma),
+        sample(luma + chroma) {
     std::mt19937 rng(5);
     std::uniform_real_distribution<double> noise(-3.0, 3.0);
     std::uniform_int_distribution<int> byte(0, 255);
     for (int r = 0; r < height; ++r) {
       for (int x = 0; x < width; ++x) {
-        mean[static_cast<size_t>(r) * width + x] = 128.0 + 100.0 * std::sin(x * 0.01) * std::cos(r * 0.013) + noise(rng);
+        mean[static_cast<size_t>(r) * width + x] =
+            128.0 + 100.0 * std::sin(x * 0.01) * std::cos(r * 0.013) + noise(rng);
       }
     }
     for (size_t i = luma; i < mean.size(); ++i) mean[i] = 128.0 + noise(rng) * 10.0;
@@ -67,7 +70,8 @@ void StreamPassBaseline(double* mean, const uint8_t* sample, int64_t count) {
   for (int64_t i = 0; i < count; ++i) mean[i] = 0.5 * (mean[i] + sample[i]);  // stays in range
 }
 #if defined(__x86_64__)
-__attribute__((target("avx2"))) void StreamPassAvx2(double* mean, const uint8_t* sample, int64_t count) {
+__attribute__((target("avx2"))) void StreamPassAvx2(double* mean, const uint8_t* sample,
+                                                    int64_t count) {
   for (int64_t i = 0; i < count; ++i) mean[i] = 0.5 * (mean[i] + sample[i]);
 }
 #endif

@@ -56,11 +56,11 @@ TEST(AccumulateMeanDefinition, FoldsWithTwoDivisionsAndOneAddition) {
     double expected;
   };
   const Case cases[] = {
-      {0.0, 255, 1, 127.5},    // two frames 0 and 255
-      {255.0, 0, 1, 127.5},    // the same two frames the other way round
-      {37.25, 100, 0, 100.0},  // the first frame of a run replaces the mean
-      {0.0, 255, 2, 85.0},     // frames 0, 0, 255
-      {200.0, 200, 41, 200.0}, // a constant scene stays put
+      {0.0, 255, 1, 127.5},     // two frames 0 and 255
+      {255.0, 0, 1, 127.5},     // the same two frames the other way round
+      {37.25, 100, 0, 100.0},   // the first frame of a run replaces the mean
+      {0.0, 255, 2, 85.0},      // frames 0, 0, 255
+      {200.0, 200, 41, 200.0},  // a constant scene stays put
       // Rounded as (mean * n) / (n + 1) + sample / (n + 1); a single division of
       // (mean * n + sample), or multiplying by a reciprocal, gives 93.2 and 94.63333333333333.
       {68.0, 194, 4, 0x1.74cccccccccccp+6},
@@ -112,19 +112,21 @@ TEST_P(MeanKernelsTest, AccumulateMeanMatchesScalar) {
   std::mt19937 rng(11);
   std::uniform_real_distribution<double> in_range(0.0, 255.0);
   // Counts beyond the pipeline's range too: a negative n divides by zero or a negative total.
-  const std::vector<int32_t> all_folds = {0, 1, 2, 6, 7, 254, 100000,
-                                          std::numeric_limits<int32_t>::max(), -1, -2,
-                                          std::numeric_limits<int32_t>::min()};
+  constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+  constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
+  const std::vector<int32_t> all_folds = {0, 1, 2, 6, 7, 254, 100000, kMax, -1, -2, kMin};
   // Whole planes take long in unoptimised builds: two folds cover them.
   const std::vector<int32_t> plane_folds = {2, 254};
-  const double specials[] = {-0.0, std::numeric_limits<double>::infinity(),
-                             std::numeric_limits<double>::quiet_NaN(),
-                             std::numeric_limits<double>::denorm_min(), 1e308, -3.5};
+  using Limits = std::numeric_limits<double>;
+  const double specials[] = {-0.0, Limits::infinity(), Limits::quiet_NaN(), Limits::denorm_min(),
+                             1e308, -3.5};
   for (int64_t count : Counts()) {
     const std::vector<uint8_t> sample = RandomBytes(rng, count);
     std::vector<double> start(static_cast<size_t>(count));
     for (auto& m : start) m = in_range(rng);
-    for (size_t k = 0; k < std::size(specials) && k * 5 < start.size(); ++k) start[k * 5] = specials[k];
+    for (size_t k = 0; k < std::size(specials) && k * 5 < start.size(); ++k) {
+      start[k * 5] = specials[k];
+    }
     for (int32_t n : count > 100000 ? plane_folds : all_folds) {
       std::vector<double> expected = start;
       std::vector<double> actual = start;
@@ -173,7 +175,9 @@ TEST_P(MeanKernelsTest, MeanToBytesMatchesScalar) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllIsas, MeanKernelsTest, ::testing::ValuesIn(VectorIsas()),
-                         [](const ::testing::TestParamInfo<Isa>& info) { return IsaName(info.param); });
+                         [](const ::testing::TestParamInfo<Isa>& info) {
+                           return IsaName(info.param);
+                         });
 
 }  // namespace
 }  // namespace velmora

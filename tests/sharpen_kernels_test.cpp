@@ -40,11 +40,12 @@ const int kThresholds[] = {std::numeric_limits<int>::min(), -7, -1, 0, 1, 2, 9, 
                            std::numeric_limits<int>::max()};
 
 // Amounts from none to far beyond the saturation of the float-to-int conversions.
-const float kAmounts[] = {0.0f,    1.0f,   -1.0f,  0.5f,   2.25f,
-                          -3.7f,   1e30f,  -1e30f, 3e5f,   -3e5f,
-                          std::numeric_limits<float>::infinity(),
-                          -std::numeric_limits<float>::infinity(),
-                          std::numeric_limits<float>::quiet_NaN()};
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+const float kAmounts[] = {0.0f, 1.0f, -1.0f, 0.5f, 2.25f, -3.7f, 1e30f, -1e30f, 3e5f, -3e5f,
+                          kInf, -kInf, kNaN};
+
+uint8_t ClampByte(int v) { return static_cast<uint8_t>(std::clamp(v, 0, 255)); }
 
 // Random bytes with the extremes (where clamping, division by 1e-5 and wrapping happen) and
 // runs of a single value (blocks where nothing is sharpened) over-represented.
@@ -55,7 +56,13 @@ Bytes RandomBytes(std::mt19937& rng, size_t count) {
   Bytes v(count);
   for (size_t i = 0; i < count; ++i) {
     const int p = pick(rng);
-    v[i] = p < 2 ? kEdges[byte(rng) % 8] : p == 2 && i > 0 ? v[i - 1] : static_cast<uint8_t>(byte(rng));
+    if (p < 2) {
+      v[i] = kEdges[byte(rng) % 8];
+    } else if (p == 2 && i > 0) {
+      v[i] = v[i - 1];
+    } else {
+      v[i] = static_cast<uint8_t>(byte(rng));
+    }
   }
   return v;
 }
@@ -68,8 +75,7 @@ Bytes BlurNear(std::mt19937& rng, const Bytes& luma) {
   std::uniform_int_distribution<int> byte(0, 255);
   Bytes blur(luma.size());
   for (size_t i = 0; i < luma.size(); ++i) {
-    const int v = pick(rng) == 0 ? byte(rng) : luma[i] + delta(rng);
-    blur[i] = static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v);
+    blur[i] = ClampByte(pick(rng) == 0 ? byte(rng) : luma[i] + delta(rng));
   }
   return blur;
 }
@@ -85,7 +91,7 @@ Bytes SceneLuma(std::mt19937& rng, int width, int height) {
     for (int x = 0; x < width; ++x) {
       int v = static_cast<int>(128 + 120 * std::sin(x * 0.05) * std::cos(r * 0.07)) + noise(rng);
       if (pick(rng) == 0) v = byte(rng);
-      luma[static_cast<size_t>(r) * width + x] = static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v);
+      luma[static_cast<size_t>(r) * width + x] = ClampByte(v);
     }
   }
   return luma;
@@ -98,11 +104,11 @@ int64_t FirstDifference(const Bytes& a, const Bytes& b) {
   return -1;
 }
 
-#define EXPECT_SAME_BYTES(expected, actual)                                               \
-  do {                                                                                    \
-    const int64_t at_ = FirstDifference(expected, actual);                                \
+#define EXPECT_SAME_BYTES(expected, actual)                                                \
+  do {                                                                                     \
+    const int64_t at_ = FirstDifference(expected, actual);                                 \
     EXPECT_EQ(at_, -1) << #actual << "[" << at_ << "]: " << int{(expected)[at_]} << " vs " \
-                       << int{(actual)[at_]};                                             \
+                       << int{(actual)[at_]};                                              \
   } while (0)
 
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(SharpenKernelsTest);
@@ -161,8 +167,9 @@ TEST_P(SharpenKernelsTest, ChromaRowMatchesScalarInPlaceAndApart) {
         // is the new value in the first case and the old one in the second.
         for (int mode = 0; mode < 4; ++mode) {
           const bool y_in_place = mode & 1, uv_in_place = mode & 2;
-          SCOPED_TRACE("width " + std::to_string(width) + " threshold " + std::to_string(threshold) +
-                       " amount " + std::to_string(amount) + (y_in_place ? " luma in place" : "") +
+          SCOPED_TRACE("width " + std::to_string(width) + " threshold " +
+                       std::to_string(threshold) + " amount " + std::to_string(amount) +
+                       (y_in_place ? " luma in place" : "") +
                        (uv_in_place ? " chroma in place" : ""));
           Bytes runs[2][4];  // scalar, variant: source luma, source chroma, luma out, chroma out
           const SharpenChromaRowFn fns[2] = {plain_.chroma_row, kernels_.chroma_row};
@@ -212,7 +219,8 @@ Frame Sharpened(Isa isa, const Frame& src, int width, int height, int threshold,
   const ScopedIsa forced(isa);
   if (in_place) {
     Frame f = src;
-    sharpenFilter(f.y.data(), f.uv.data(), f.y.data(), f.uv.data(), width, height, threshold, amount);
+    sharpenFilter(f.y.data(), f.uv.data(), f.y.data(), f.uv.data(), width, height, threshold,
+                  amount);
     return f;
   }
   Frame in = src;
@@ -237,18 +245,19 @@ TEST_P(SharpenKernelsTest, WholeFilterMatchesScalar) {
   std::mt19937 rng(24);
   for (const Size& s : sizes) {
     // Chroma rows are height / 2 of width bytes; the buffers end exactly where the planes do.
-    const Frame src{SceneLuma(rng, s.width, s.height), RandomBytes(rng, static_cast<size_t>(s.width) * (s.height / 2))};
+    const Frame src{SceneLuma(rng, s.width, s.height),
+                    RandomBytes(rng, static_cast<size_t>(s.width) * (s.height / 2))};
     for (const auto& setting : settings) {
       // A full-size frame is slow in unoptimised builds: the pipeline's own setting covers it.
       if (s.width >= 1920 && setting.threshold != 2) continue;
       for (bool in_place : {true, false}) {
         SCOPED_TRACE(std::to_string(s.width) + "x" + std::to_string(s.height) + " threshold " +
-                     std::to_string(setting.threshold) + " amount " + std::to_string(setting.amount) +
-                     (in_place ? " in place" : " apart"));
-        const Frame expected =
-            Sharpened(Isa::kScalar, src, s.width, s.height, setting.threshold, setting.amount, in_place);
-        const Frame actual =
-            Sharpened(GetParam(), src, s.width, s.height, setting.threshold, setting.amount, in_place);
+                     std::to_string(setting.threshold) + " amount " +
+                     std::to_string(setting.amount) + (in_place ? " in place" : " apart"));
+        const Frame expected = Sharpened(Isa::kScalar, src, s.width, s.height, setting.threshold,
+                                         setting.amount, in_place);
+        const Frame actual = Sharpened(GetParam(), src, s.width, s.height, setting.threshold,
+                                       setting.amount, in_place);
         EXPECT_SAME_BYTES(expected.y, actual.y);
         EXPECT_SAME_BYTES(expected.uv, actual.uv);
       }
@@ -257,7 +266,9 @@ TEST_P(SharpenKernelsTest, WholeFilterMatchesScalar) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllIsas, SharpenKernelsTest, ::testing::ValuesIn(VectorIsas()),
-                         [](const ::testing::TestParamInfo<Isa>& info) { return IsaName(info.param); });
+                         [](const ::testing::TestParamInfo<Isa>& info) {
+                           return IsaName(info.param);
+                         });
 
 }  // namespace
 }  // namespace velmora

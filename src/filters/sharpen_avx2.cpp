@@ -27,8 +27,8 @@ void Widen(__m256i v, __m256i out[4]) {
 
 // Inverse of Widen for values 0..255.
 __m256i Narrow(const __m256i in[4]) {
-  const __m256i words = _mm256_packus_epi16(_mm256_packus_epi32(in[0], in[1]),
-                                            _mm256_packus_epi32(in[2], in[3]));
+  const __m256i words =
+      _mm256_packus_epi16(_mm256_packus_epi32(in[0], in[1]), _mm256_packus_epi32(in[2], in[3]));
   // The packs interleave the 128-bit lanes; put the groups of four back in order.
   return _mm256_permutevar8x32_epi32(words, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
 }
@@ -52,7 +52,8 @@ struct Threshold {
 // Clamping in float before the truncation gives the same bytes as the saturating truncation
 // followed by the integer clamp, NaN included (max_ps returns its second operand, 0).
 struct LumaRule {
-  explicit LumaRule(float amount) : gain(_mm256_set1_ps(amount + 1.0f)), amount(_mm256_set1_ps(amount)) {}
+  explicit LumaRule(float amount)
+      : gain(_mm256_set1_ps(amount + 1.0f)), amount(_mm256_set1_ps(amount)) {}
   void Apply(__m256i y, __m256i b, __m256i out[4]) const {
     __m256i yi[4], bi[4];
     Widen(y, yi);
@@ -61,7 +62,8 @@ struct LumaRule {
       const __m256 lifted = _mm256_mul_ps(gain, _mm256_cvtepi32_ps(yi[k]));
       const __m256 lowered = _mm256_mul_ps(_mm256_cvtepi32_ps(bi[k]), amount);
       const __m256 v = _mm256_sub_ps(lifted, lowered);
-      const __m256 clamped = _mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), _mm256_set1_ps(255.0f));
+      const __m256 clamped =
+          _mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), _mm256_set1_ps(255.0f));
       out[k] = _mm256_cvttps_epi32(clamped);
     }
   }
@@ -72,10 +74,12 @@ struct LumaRule {
 // The ratio n / (y2 + 1e-5) of eight pixels, divided in double and rounded to float.
 __m256 Ratio(__m256i n, __m256i y2) {
   const __m256d eps = _mm256_set1_pd(1e-5);
-  const __m256d lo = _mm256_div_pd(_mm256_cvtepi32_pd(_mm256_castsi256_si128(n)),
-                                   _mm256_add_pd(_mm256_cvtepi32_pd(_mm256_castsi256_si128(y2)), eps));
-  const __m256d hi = _mm256_div_pd(_mm256_cvtepi32_pd(_mm256_extracti128_si256(n, 1)),
-                                   _mm256_add_pd(_mm256_cvtepi32_pd(_mm256_extracti128_si256(y2, 1)), eps));
+  const __m256d lo =
+      _mm256_div_pd(_mm256_cvtepi32_pd(_mm256_castsi256_si128(n)),
+                    _mm256_add_pd(_mm256_cvtepi32_pd(_mm256_castsi256_si128(y2)), eps));
+  const __m256d hi =
+      _mm256_div_pd(_mm256_cvtepi32_pd(_mm256_extracti128_si256(n, 1)),
+                    _mm256_add_pd(_mm256_cvtepi32_pd(_mm256_extracti128_si256(y2, 1)), eps));
   return _mm256_set_m128(_mm256_cvtpd_ps(hi), _mm256_cvtpd_ps(lo));
 }
 
@@ -85,7 +89,8 @@ __m256 Ratio(__m256i n, __m256i y2) {
 __m256i Chroma(__m256i uv, __m256 ratio) {
   const __m256 centred = _mm256_cvtepi32_ps(_mm256_sub_epi32(uv, _mm256_set1_epi32(128)));
   const __m256 cv = _mm256_add_ps(_mm256_mul_ps(centred, ratio), _mm256_set1_ps(128.0f));
-  const __m256i overflow = _mm256_castps_si256(_mm256_cmp_ps(cv, _mm256_set1_ps(2147483648.0f), _CMP_GE_OQ));
+  const __m256i overflow =
+      _mm256_castps_si256(_mm256_cmp_ps(cv, _mm256_set1_ps(2147483648.0f), _CMP_GE_OQ));
   const __m256i truncated = _mm256_or_si256(_mm256_cvttps_epi32(cv), overflow);
   return _mm256_and_si256(truncated, _mm256_set1_epi32(0xFF));
 }
@@ -105,18 +110,23 @@ void BlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uin
     for (int k = 0; k < 3; ++k) {
       const int at = x - 1 + k;
       const __m256i a = Load(above + at), r = Load(row + at), b = Load(below + at);
-      lo[k] = _mm256_add_epi16(_mm256_add_epi16(_mm256_unpacklo_epi8(a, zero), _mm256_unpacklo_epi8(b, zero)),
-                               _mm256_slli_epi16(_mm256_unpacklo_epi8(r, zero), 1));
-      hi[k] = _mm256_add_epi16(_mm256_add_epi16(_mm256_unpackhi_epi8(a, zero), _mm256_unpackhi_epi8(b, zero)),
-                               _mm256_slli_epi16(_mm256_unpackhi_epi8(r, zero), 1));
+      lo[k] = _mm256_add_epi16(
+          _mm256_add_epi16(_mm256_unpacklo_epi8(a, zero), _mm256_unpacklo_epi8(b, zero)),
+          _mm256_slli_epi16(_mm256_unpacklo_epi8(r, zero), 1));
+      hi[k] = _mm256_add_epi16(
+          _mm256_add_epi16(_mm256_unpackhi_epi8(a, zero), _mm256_unpackhi_epi8(b, zero)),
+          _mm256_slli_epi16(_mm256_unpackhi_epi8(r, zero), 1));
     }
     // sum <= 4080, so sum / 16 <= 255 and the saturating pack is the clamp.
-    const __m256i sum_lo = _mm256_add_epi16(_mm256_add_epi16(lo[0], lo[2]), _mm256_slli_epi16(lo[1], 1));
-    const __m256i sum_hi = _mm256_add_epi16(_mm256_add_epi16(hi[0], hi[2]), _mm256_slli_epi16(hi[1], 1));
+    const __m256i sum_lo =
+        _mm256_add_epi16(_mm256_add_epi16(lo[0], lo[2]), _mm256_slli_epi16(lo[1], 1));
+    const __m256i sum_hi =
+        _mm256_add_epi16(_mm256_add_epi16(hi[0], hi[2]), _mm256_slli_epi16(hi[1], 1));
     Store(out + x, _mm256_packus_epi16(_mm256_srli_epi16(sum_lo, 4), _mm256_srli_epi16(sum_hi, 4)));
   }
   // The scalar rule on the rest: its output 1 is ours at 1 + body.
-  if (body < outputs) scalar::BlurRow(above + body, row + body, below + body, out + body, width - body);
+  if (body < outputs)
+    scalar::BlurRow(above + body, row + body, below + body, out + body, width - body);
 }
 
 void SharpenLumaRow(const uint8_t* src_y, const uint8_t* blur, uint8_t* dst_y, int width,

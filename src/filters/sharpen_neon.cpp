@@ -99,7 +99,8 @@ void BlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uin
     vst1q_u8(out + x, vcombine_u8(vshrn_n_u16(sum_lo, 4), vshrn_n_u16(sum_hi, 4)));
   }
   // The scalar rule on the rest: its output 1 is ours at 1 + body.
-  if (body < outputs) scalar::BlurRow(above + body, row + body, below + body, out + body, width - body);
+  if (body < outputs)
+    scalar::BlurRow(above + body, row + body, below + body, out + body, width - body);
 }
 
 void SharpenLumaRow(const uint8_t* src_y, const uint8_t* blur, uint8_t* dst_y, int width,

@@ -43,8 +43,8 @@ int64_t FoldBody(double* mean, const uint8_t* sample, int64_t count, int32_t n) 
 }  // namespace
 
 void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t n) {
-  const int64_t body = n == 0 ? FoldBody<false>(mean, sample, count, n)
-                              : FoldBody<true>(mean, sample, count, n);
+  const int64_t body =
+      n == 0 ? FoldBody<false>(mean, sample, count, n) : FoldBody<true>(mean, sample, count, n);
   scalar::AccumulateMean(mean + body, sample + body, count - body, n);
 }
 

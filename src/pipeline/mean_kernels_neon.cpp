@@ -23,7 +23,8 @@ int64_t FoldBody(double* mean, const uint8_t* sample, int64_t count, int32_t n) 
   const float64x2_t total2 = vdupq_n_f64(total);
   const int64_t body = count - count % 2;
   for (int64_t i = 0; i < body; i += 2) {
-    const float64x2_t shares = vcombine_f64(vld1_f64(&share[sample[i]]), vld1_f64(&share[sample[i + 1]]));
+    const float64x2_t shares =
+        vcombine_f64(vld1_f64(&share[sample[i]]), vld1_f64(&share[sample[i + 1]]));
     float64x2_t kept = vmulq_f64(vld1q_f64(mean + i), folded2);
     if (kDivide) kept = vdivq_f64(kept, total2);
     vst1q_f64(mean + i, vaddq_f64(kept, shares));
@@ -41,8 +42,8 @@ int32x4_t TruncateToInt32(const double* p) {
 }  // namespace
 
 void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t n) {
-  const int64_t body = n == 0 ? FoldBody<false>(mean, sample, count, n)
-                              : FoldBody<true>(mean, sample, count, n);
+  const int64_t body =
+      n == 0 ? FoldBody<false>(mean, sample, count, n) : FoldBody<true>(mean, sample, count, n);
   scalar::AccumulateMean(mean + body, sample + body, count - body, n);
 }
 
