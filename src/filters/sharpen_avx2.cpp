@@ -1,8 +1,7 @@
 // AVX2 row kernels of the sharpen filter, 32 pixels at a time; each row is finished by the scalar
-// rule. Compiled with -mavx2 only (no FMA): every product is rounded on its own.
+// rule. Compiled with -mavx2 only (no FMA): every product is rounded on its own. No library
+// templates here: an instantiation built with -mavx2 could be the copy the linker keeps for all.
 #include <immintrin.h>
-
-#include <algorithm>
 
 #include "filters/sharpen_kernels.h"
 
@@ -36,7 +35,7 @@ __m256i Narrow(const __m256i in[4]) {
 // Which pixels are sharpened: |y - b| > threshold, as a byte mask.
 struct Threshold {
   explicit Threshold(int threshold)
-      : limit(_mm256_set1_epi8(static_cast<char>(std::clamp(threshold, 0, 255)))),
+      : limit(_mm256_set1_epi8(static_cast<char>(threshold < 0 ? 0 : threshold > 255 ? 255 : threshold))),
         can_keep(_mm256_set1_epi8(threshold < 0 ? 0 : -1)) {}
   __m256i Sharpened(__m256i y, __m256i b) const {
     const __m256i d = _mm256_or_si256(_mm256_subs_epu8(y, b), _mm256_subs_epu8(b, y));
@@ -100,7 +99,7 @@ __m256i Chroma(__m256i uv, __m256 ratio) {
 void BlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* out,
              int width) {
   // Outputs 1 .. width - 2; a step reads one byte either side of its 32 outputs.
-  const int outputs = std::max(width - 2, 0);
+  const int outputs = width > 2 ? width - 2 : 0;
   const int body = outputs - outputs % kStep;
   const __m256i zero = _mm256_setzero_si256();
   for (int x = 1; x < 1 + body; x += kStep) {
@@ -161,7 +160,7 @@ void SharpenChromaRow(const uint8_t* src_y, const uint8_t* blur, const uint8_t* 
     __m256i n[4], y2[4], c[4], uvi[4];
     rule.Apply(y, b, n);
     if (in_place) {
-      std::copy(n, n + 4, y2);
+      for (int k = 0; k < 4; ++k) y2[k] = n[k];
     } else {
       Widen(y, y2);
     }

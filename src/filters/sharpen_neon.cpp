@@ -3,8 +3,6 @@
 // float-to-int conversion truncates and saturates (NaN gives 0) exactly as TruncateToInt32.
 #include <arm_neon.h>
 
-#include <algorithm>
-
 #include "filters/sharpen_kernels.h"
 
 namespace velmora {
@@ -33,7 +31,7 @@ uint8x16_t LowBytes(const int32x4_t in[4]) {
 // Which pixels are sharpened: |y - b| > threshold, as a byte mask.
 struct Threshold {
   explicit Threshold(int threshold)
-      : limit(vdupq_n_u8(static_cast<uint8_t>(std::clamp(threshold, 0, 255)))),
+      : limit(vdupq_n_u8(static_cast<uint8_t>(threshold < 0 ? 0 : threshold > 255 ? 255 : threshold))),
         all(vdupq_n_u8(threshold < 0 ? 0xFF : 0)) {}
   uint8x16_t Sharpened(uint8x16_t y, uint8x16_t b) const {
     // A negative threshold sharpens every pixel, 0 included; 255 and above none.
@@ -82,7 +80,7 @@ int32x4_t Chroma(uint32x4_t uv, float32x4_t ratio) {
 void BlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* out,
              int width) {
   // Outputs 1 .. width - 2; a step reads one byte either side of its 16 outputs.
-  const int outputs = std::max(width - 2, 0);
+  const int outputs = width > 2 ? width - 2 : 0;
   const int body = outputs - outputs % kStep;
   for (int x = 1; x < 1 + body; x += kStep) {
     // Column sums a + 2r + b at offsets -1, 0, +1, in 16-bit lanes.
@@ -136,7 +134,7 @@ void SharpenChromaRow(const uint8_t* src_y, const uint8_t* blur, const uint8_t* 
     uint32x4_t uvi[4];
     rule.Apply(y, b, n);
     if (in_place) {
-      std::copy(n, n + 4, y2);
+      for (int k = 0; k < 4; ++k) y2[k] = n[k];
     } else {
       uint32x4_t yi[4];
       Widen(y, yi);

@@ -1,5 +1,6 @@
 // AVX2 variants of the running-mean kernels. Compiled with -mavx2 only (no FMA): each product and
-// quotient is rounded on its own, exactly as in the scalar definitions.
+// quotient is rounded on its own, exactly as in the scalar definitions. No library templates
+// here: an instantiation built with -mavx2 could be the copy the linker keeps for all.
 #include <immintrin.h>
 
 #include "pipeline/mean_kernels.h"
