@@ -22,9 +22,8 @@ class Library {
       get_api_ = reinterpret_cast<int (*)(flowing_water_api*)>(dlsym(handle_, "flowing_water_get_API"));
     }
   }
-  ~Library() {
-    if (handle_ != nullptr) dlclose(handle_);
-  }
+  // Never unloaded, as in an app: the library's pool lives until the process ends, and leak
+  // reports can still name the library's frames.
   bool loaded() const { return get_api_ != nullptr; }
   int GetApi(flowing_water_api* api) const { return get_api_(api); }
 

@@ -98,7 +98,9 @@ SharpenKernels SharpenKernelsFor(Isa isa) {
 namespace {
 
 bool Overlaps(const uint8_t* a, const uint8_t* b, int width) {
-  return a < b + width && b < a + width;
+  // As addresses: the rows may lie in unrelated buffers.
+  const uintptr_t x = reinterpret_cast<uintptr_t>(a), y = reinterpret_cast<uintptr_t>(b);
+  return x < y + static_cast<uintptr_t>(width) && y < x + static_cast<uintptr_t>(width);
 }
 
 // A destination row may be processed many pixels at a time when it is its source row exactly
