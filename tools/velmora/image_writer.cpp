@@ -1,0 +1,208 @@
+#include "image_writer.h"
+
+#include <fcntl.h>
+#include <png.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <utility>
+
+namespace velmora::tool {
+
+namespace {
+
+std::string Lowercase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+bool EndsWith(const std::string& text, const std::string& suffix) {
+  return text.size() >= suffix.size() &&
+         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+uint8_t RoundAndClamp(double value) {
+  return static_cast<uint8_t>(std::clamp(std::floor(value + 0.5), 0.0, 255.0));
+}
+
+// The temporary file in progress, for the signal handler: a fixed buffer and a flag, because a
+// handler may touch nothing else.
+char g_temp_path[4096];
+volatile sig_atomic_t g_temp_pending = 0;
+
+extern "C" void RemoveTemporaryAndDie(int signal) {
+  if (g_temp_pending) unlink(g_temp_path);
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+}
+
+void GuardTemporary(const std::string& temp_path) {
+  static const bool installed = [] {
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, RemoveTemporaryAndDie);
+    return true;
+  }();
+  (void)installed;
+  if (temp_path.size() < sizeof g_temp_path) {
+    std::memcpy(g_temp_path, temp_path.c_str(), temp_path.size() + 1);
+    g_temp_pending = 1;
+  }
+}
+
+void ReleaseTemporary() { g_temp_pending = 0; }
+
+}  // namespace
+
+bool OutputKindForPath(const std::string& path, OutputKind* kind) {
+  const std::string lower = Lowercase(path);
+  static const std::pair<const char*, OutputKind> kExtensions[] = {
+      {".yuv", OutputKind::kRaw},
+      {".nv12", OutputKind::kNv12},
+      {".nv21", OutputKind::kNv21},
+      {".png", OutputKind::kPng},
+  };
+  for (const auto& [extension, named] : kExtensions) {
+    // A bare ".png" is a hidden file's name, not an extension.
+    if (EndsWith(lower, extension) && lower.size() > std::strlen(extension) &&
+        lower[lower.size() - std::strlen(extension) - 1] != '/') {
+      *kind = named;
+      return true;
+    }
+  }
+  return false;
+}
+
+Rgb YuvToRgb(uint8_t y, uint8_t u, uint8_t v) {
+  const double cb = u - 128.0;
+  const double cr = v - 128.0;
+  return {RoundAndClamp(y + 1.402 * cr), RoundAndClamp(y - 0.344136 * cb - 0.714136 * cr),
+          RoundAndClamp(y + 1.772 * cb)};
+}
+
+std::vector<uint8_t> FrameToRgb(const uint8_t* frame, FrameGeometry geometry, ChromaOrder order) {
+  const size_t width = geometry.width;
+  const uint8_t* chroma = frame + geometry.lumaBytes();
+  const size_t u_offset = order == ChromaOrder::kNv12 ? 0 : 1;
+  std::vector<uint8_t> rgb(geometry.lumaBytes() * 3);
+  uint8_t* out = rgb.data();
+  for (size_t row = 0; row < geometry.height; ++row) {
+    const uint8_t* luma_row = frame + row * width;
+    const uint8_t* chroma_row = chroma + (row / 2) * width;
+    for (size_t column = 0; column < width; ++column) {
+      const uint8_t* pair = chroma_row + (column & ~size_t{1});
+      const Rgb pixel = YuvToRgb(luma_row[column], pair[u_offset], pair[1 - u_offset]);
+      *out++ = pixel.r;
+      *out++ = pixel.g;
+      *out++ = pixel.b;
+    }
+  }
+  return rgb;
+}
+
+void SwapChromaPairs(uint8_t* chroma, size_t bytes) {
+  for (size_t i = 0; i + 1 < bytes; i += 2) std::swap(chroma[i], chroma[i + 1]);
+}
+
+std::unique_ptr<AtomicOutput> AtomicOutput::Create(const std::string& path, std::string* error) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+    *error = path + ": is a directory";
+    return nullptr;
+  }
+  // Same directory as the destination, so that the final rename stays on one file system.
+  const size_t slash = path.rfind('/');
+  const std::string directory = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  const std::string stem = directory + "." + base + ".tmp-" + std::to_string(getpid());
+
+  for (int attempt = 0;; ++attempt) {
+    const std::string temp_path = attempt == 0 ? stem : stem + "-" + std::to_string(attempt);
+    const int fd = open(temp_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) {
+      if (errno == EEXIST && attempt < 100) continue;
+      *error = path + ": cannot create the output file: " + std::strerror(errno);
+      return nullptr;
+    }
+    GuardTemporary(temp_path);
+    std::FILE* file = fdopen(fd, "wb");
+    if (file == nullptr) {
+      *error = path + ": cannot create the output file: " + std::strerror(errno);
+      close(fd);
+      unlink(temp_path.c_str());
+      ReleaseTemporary();
+      return nullptr;
+    }
+    return std::unique_ptr<AtomicOutput>(new AtomicOutput(path, temp_path, file));
+  }
+}
+
+AtomicOutput::AtomicOutput(std::string path, std::string temp_path, std::FILE* file)
+    : path_(std::move(path)), temp_path_(std::move(temp_path)), file_(file) {}
+
+AtomicOutput::~AtomicOutput() {
+  if (!temp_path_.empty()) discard();
+}
+
+void AtomicOutput::discard() {
+  if (file_ != nullptr) std::fclose(file_);
+  file_ = nullptr;
+  unlink(temp_path_.c_str());
+  temp_path_.clear();
+  ReleaseTemporary();
+}
+
+bool AtomicOutput::commit(std::string* error) {
+  // Flushed to the disk before the rename, so the destination is the old file or the new one
+  // even across a crash.
+  int failure = 0;
+  if (std::fflush(file_) != 0 || fsync(fileno(file_)) != 0) failure = errno;
+  if (std::fclose(file_) != 0 && failure == 0) failure = errno;
+  file_ = nullptr;
+  if (failure == 0 && std::rename(temp_path_.c_str(), path_.c_str()) != 0) failure = errno;
+  if (failure != 0) {
+    *error = path_ + ": cannot write the output file: " + std::strerror(failure);
+    discard();
+    return false;
+  }
+  temp_path_.clear();
+  ReleaseTemporary();
+  return true;
+}
+
+bool WritePicture(AtomicOutput& out, OutputKind kind, const std::vector<uint8_t>& picture,
+                  FrameGeometry geometry, ChromaOrder order, std::string* error) {
+  if (kind == OutputKind::kPng) {
+    const std::vector<uint8_t> rgb = FrameToRgb(picture.data(), geometry, order);
+    png_image png{};
+    png.version = PNG_IMAGE_VERSION;
+    png.width = geometry.width;
+    png.height = geometry.height;
+    png.format = PNG_FORMAT_RGB;
+    const bool ok = png_image_write_to_stdio(&png, out.file(), 0, rgb.data(), 0, nullptr) != 0;
+    if (!ok) *error = out.path() + ": cannot encode PNG: " + png.message;
+    png_image_free(&png);
+    return ok;
+  }
+
+  const bool swap = (kind == OutputKind::kNv12 && order == ChromaOrder::kNv21) ||
+                    (kind == OutputKind::kNv21 && order == ChromaOrder::kNv12);
+  std::vector<uint8_t> swapped;
+  const uint8_t* bytes = picture.data();
+  if (swap) {
+    swapped = picture;
+    SwapChromaPairs(swapped.data() + geometry.lumaBytes(), geometry.chromaBytes());
+    bytes = swapped.data();
+  }
+  if (std::fwrite(bytes, 1, picture.size(), out.file()) != picture.size()) {
+    *error = out.path() + ": cannot write the output file: " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace velmora::tool

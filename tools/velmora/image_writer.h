@@ -1,0 +1,69 @@
+// The picture written out: as PNG, or raw in either chroma order, always through a temporary
+// file that replaces the destination only once complete.
+#ifndef VELMORA_TOOL_IMAGE_WRITER_H
+#define VELMORA_TOOL_IMAGE_WRITER_H
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "frame_source.h"
+
+namespace velmora::tool {
+
+enum class OutputKind {
+  kRaw,   // .yuv: raw, in the input's chroma order
+  kNv12,  // .nv12: raw, U first
+  kNv21,  // .nv21: raw, V first
+  kPng,   // .png: 8-bit RGB
+};
+
+// The kind that the extension of path names (case does not matter); false if none.
+bool OutputKindForPath(const std::string& path, OutputKind* kind);
+
+struct Rgb {
+  uint8_t r, g, b;
+};
+
+// Full-range BT.601, the convention of camera frames, rounded to nearest and clamped.
+Rgb YuvToRgb(uint8_t y, uint8_t u, uint8_t v);
+
+// Packed RGB rows of a frame; each 2x2 block of luma shares one chroma pair.
+std::vector<uint8_t> FrameToRgb(const uint8_t* frame, FrameGeometry geometry, ChromaOrder order);
+
+// Turns U,V pairs into V,U pairs and back.
+void SwapChromaPairs(uint8_t* chroma, size_t bytes);
+
+// A file written under a temporary name in the destination's directory and renamed over the
+// destination by commit(). Until then the destination is untouched, and the temporary file is
+// removed on every other way out: destruction, or an interrupting signal.
+class AtomicOutput {
+ public:
+  // Creates the temporary file at once, so an unwritable destination shows before any work.
+  static std::unique_ptr<AtomicOutput> Create(const std::string& path, std::string* error);
+  ~AtomicOutput();
+  AtomicOutput(const AtomicOutput&) = delete;
+  AtomicOutput& operator=(const AtomicOutput&) = delete;
+
+  std::FILE* file() { return file_; }
+  const std::string& path() const { return path_; }
+  bool commit(std::string* error);
+
+ private:
+  AtomicOutput(std::string path, std::string temp_path, std::FILE* file);
+  void discard();
+
+  std::string path_;
+  std::string temp_path_;
+  std::FILE* file_;
+};
+
+// Writes picture (a frame of the given geometry and chroma order) as kind into out.
+bool WritePicture(AtomicOutput& out, OutputKind kind, const std::vector<uint8_t>& picture,
+                  FrameGeometry geometry, ChromaOrder order, std::string* error);
+
+}  // namespace velmora::tool
+
+#endif  // VELMORA_TOOL_IMAGE_WRITER_H
