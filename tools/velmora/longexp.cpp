@@ -100,6 +100,11 @@ bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vecto
   flowing_water_api api{};
   flowing_water_get_API(&api);
   void* handle = api.init_handle();
+  if (handle == nullptr) {
+    // Without a handle nothing starts the pool, and the markers below would never run.
+    *error = "out of memory creating the processing handle";
+    return false;
+  }
   api.set_base_parameters(handle, nullptr);
   api.start_process(handle);
 
