@@ -51,6 +51,7 @@ case "${1:-}" in
     install_missing "${base_packages[@]}" g++-aarch64-linux-gnu qemu-user
     build aarch64
     ctest --preset aarch64
+    VELMORA_ISA=scalar ctest --preset aarch64
     ;;
   *)
     sed -n '2,7p' "$0" | sed 's/^# \{0,1\}//'
