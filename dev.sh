@@ -48,7 +48,7 @@ case "${1:-}" in
     ctest --preset asan
     ;;
   cross)
-    install_missing "${base_packages[@]}" g++-aarch64-linux-gnu qemu-user
+    install_missing "${base_packages[@]}" googletest g++-aarch64-linux-gnu qemu-user
     build aarch64
     ctest --preset aarch64
     VELMORA_ISA=scalar ctest --preset aarch64
