@@ -110,19 +110,6 @@ TEST(CopyIMAGEMemory, CopiesHeaderAndPlanesInUseAndZeroesEmptyPlanes) {
   EXPECT_EQ(dst.planes[3].data, &sentinel);
 }
 
-TEST_F(HandleTest, RefusesFramesBeforeStartAndQueuesNothing) {
-  Frame frame = Flat(4, 4, 9);
-  image img = MakeImage(frame);
-  rect roi{};
-  EXPECT_EQ(handle_.process_image(&img, &roi), 0);
-  EXPECT_EQ(handle_.added_frames(), 0u);
-  const auto records = testutil::TakeLogRecords();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_NE(records[0].text.find("  process_image() process is stop or not start"),
-            std::string::npos);
-  EXPECT_EQ(records[0].priority, 6);
-}
-
 TEST_F(HandleTest, RefusesNullAndMalformedFramesWithoutCountingThem) {
   handle_.start_process();
   Frame frame = Flat(4, 4, 9);
@@ -175,30 +162,6 @@ TEST_F(HandleTest, FoldsFramesIntoARunningMeanInDoublePrecision) {
   EXPECT_EQ(Means(handle_.mean_image(), 1), reference.uv);
 }
 
-TEST_F(HandleTest, KeepsTheFirstFramesHeaderAndRectForTheRun) {
-  handle_.start_process();
-  Frame a = Flat(4, 2, 50);
-  Feed(a, {10, 20, 30, 40});
-  Frame b = Flat(4, 2, 60);
-  image img = MakeImage(b);
-  img.attr0 = 999;
-  rect later{7, 7, 7, 7};
-  handle_.process_image(&img, &later);
-  DrainPool();
-
-  std::vector<uint8_t> y(8), uv(4);
-  image out{};
-  out.planes[0].data = y.data();
-  out.planes[1].data = uv.data();
-  rect roi{};
-  ASSERT_EQ(handle_.get_process_image_result(&out, &roi), 0);
-  EXPECT_EQ(roi.x, 10);
-  EXPECT_EQ(roi.height, 40);
-  EXPECT_EQ(out.attr0, 11u);
-  EXPECT_EQ(out.planes[1].height, 1u);
-  EXPECT_EQ(y, std::vector<uint8_t>(8, 55));
-}
-
 TEST_F(HandleTest, StopDropsQueuedFramesButFinishesTheOneInProgress) {
   handle_.start_process();
   Frame first = Flat(8, 4, 10);
@@ -220,21 +183,6 @@ TEST_F(HandleTest, StopDropsQueuedFramesButFinishesTheOneInProgress) {
   EXPECT_EQ(handle_.added_frames(), 6u);
   EXPECT_EQ(handle_.folded_frames(), 1);
   EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(32, 10.0));
-}
-
-TEST_F(HandleTest, RestartBeginsANewMean) {
-  handle_.start_process();
-  Frame a = Flat(4, 4, 40);
-  Feed(a);
-  handle_.stop_process();
-
-  handle_.start_process();
-  Frame b = Flat(4, 4, 90);
-  Frame c = Flat(4, 4, 91);
-  Feed(b);
-  Feed(c);
-  EXPECT_EQ(handle_.folded_frames(), 2);
-  EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(16, 90.5));
 }
 
 TEST_F(HandleTest, ASecondFrameBeforeTheFirstIsFoldedSkipsInitialisation) {
