@@ -2,7 +2,8 @@
 # One entry point for a fresh machine: installs what is missing, builds, and runs.
 #   ./dev.sh demo [OUT.png]   build, then turn the built-in synthetic burst into a long exposure
 #   ./dev.sh test             build, then run every test (again with the vector kernels forced off)
-#   ./dev.sh asan             the unit and API tests under AddressSanitizer and UBSan
+#   ./dev.sh asan             every test under AddressSanitizer and UBSan
+#   ./dev.sh tsan             every test under ThreadSanitizer
 #   ./dev.sh cross            cross-build for arm64 and run the tests under qemu-aarch64
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -47,6 +48,11 @@ case "${1:-}" in
     build asan
     ctest --preset asan
     ;;
+  tsan)
+    install_missing "${base_packages[@]}"
+    build tsan
+    ctest --preset tsan
+    ;;
   cross)
     install_missing "${base_packages[@]}" googletest g++-aarch64-linux-gnu qemu-user
     build aarch64
@@ -54,7 +60,7 @@ case "${1:-}" in
     VELMORA_ISA=scalar ctest --preset aarch64
     ;;
   *)
-    sed -n '2,7p' "$0" | sed 's/^# \{0,1\}//'
+    awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print } /^set/ { exit }' "$0"
     exit 2
     ;;
 esac

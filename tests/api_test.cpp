@@ -242,7 +242,7 @@ TEST_F(ApiTest, ResultCarriesTheFirstFramesRectAndHeader) {
 }
 
 TEST_F(ApiTest, StopDropsQueuedFramesAndRefusesLaterOnes) {
-  const int w = 640, h = 480;
+  const int w = 160, h = 120;
   Start();
   Frame first = testutil::RandomFrame(w, h, 100);
   image img = MakeImage(first);
