@@ -13,6 +13,7 @@
 namespace {
 
 using testutil::Frame;
+using testutil::MakeImage;
 
 class Library {
  public:
@@ -35,21 +36,6 @@ class Library {
 const Library& Lib() {
   static Library library;
   return library;
-}
-
-image MakeImage(Frame& frame, uint32_t format = 4) {
-  image img{};
-  img.attr0 = 0xA0;
-  img.attr1 = 0xA1;
-  img.plane_num = 2;
-  img.attr2 = 0xA2;
-  img.attr3 = 0xA3;
-  img.format = format;
-  img.planes[0] = {1, 2, static_cast<uint32_t>(frame.width), static_cast<uint32_t>(frame.height), 3,
-                   frame.y.data()};
-  img.planes[1] = {4, 5, static_cast<uint32_t>(frame.width),
-                   static_cast<uint32_t>(frame.height / 2), 6, frame.uv.data()};
-  return img;
 }
 
 class ApiTest : public testing::Test {

@@ -13,21 +13,7 @@
 namespace {
 
 using testutil::Frame;
-
-image MakeImage(Frame& frame, uint32_t format = 4) {
-  image img{};
-  img.attr0 = 11;
-  img.attr1 = 12;
-  img.plane_num = 2;
-  img.attr2 = 13;
-  img.attr3 = 14;
-  img.format = format;
-  img.planes[0] = {21, 22, static_cast<uint32_t>(frame.width), static_cast<uint32_t>(frame.height),
-                   23, frame.y.data()};
-  img.planes[1] = {31, 32, static_cast<uint32_t>(frame.width),
-                   static_cast<uint32_t>(frame.height / 2), 33, frame.uv.data()};
-  return img;
-}
+using testutil::MakeImage;
 
 Frame Flat(int width, int height, uint8_t value) {
   Frame frame{width, height, std::vector<uint8_t>(width * height, value),
@@ -74,6 +60,21 @@ class HandleTest : public testing::Test {
     ASSERT_EQ(handle_.process_image(&img, &roi), 0);
     DrainPool();
   }
+  // Hands in flat frames of 90 and 100 (header attr0 as given) while the worker is held, so the
+  // second arrives before the first is folded; returns once both jobs have run.
+  void FeedTwoWhileTheWorkerIsHeld(uint32_t attr0) {
+    Blocker blocker;
+    blocker.Submit();
+    Frame b = Flat(4, 4, 90), c = Flat(4, 4, 100);
+    for (Frame* f : {&b, &c}) {
+      image img = MakeImage(*f);
+      img.attr0 = attr0;
+      rect roi{};
+      handle_.process_image(&img, &roi);
+    }
+    blocker.open.set_value();
+    DrainPool();
+  }
   velmora_algo handle_;
 };
 
@@ -87,8 +88,8 @@ TEST(CopyIMAGEMemory, CopiesHeaderAndPlanesInUseAndZeroesEmptyPlanes) {
   dst.planes[3] = {9, 9, 9, 9, 9, &sentinel};  // beyond plane_num: left as it was
 
   CopyIMAGEMemory(src, dst);
-  EXPECT_EQ(dst.attr0, 11u);
-  EXPECT_EQ(dst.attr3, 14u);
+  EXPECT_EQ(dst.attr0, 0xA0u);
+  EXPECT_EQ(dst.attr3, 0xA3u);
   EXPECT_EQ(dst.format, 4u);
   EXPECT_EQ(dst.plane_num, 3u);
   for (int p = 0; p < 2; ++p) {
@@ -194,19 +195,9 @@ TEST_F(HandleTest, ASecondFrameBeforeTheFirstIsFoldedSkipsInitialisation) {
   handle_.stop_process();
 
   handle_.start_process();
-  Blocker blocker;
-  blocker.Submit();
-  Frame b = Flat(4, 4, 90), c = Flat(4, 4, 100);
-  for (Frame* f : {&b, &c}) {
-    image img = MakeImage(*f);
-    img.attr0 = 77;
-    rect roi{};
-    handle_.process_image(&img, &roi);
-  }
-  blocker.open.set_value();
-  DrainPool();
+  FeedTwoWhileTheWorkerIsHeld(77);
   EXPECT_EQ(handle_.folded_frames(), 2);
-  EXPECT_EQ(handle_.mean_image().attr0, 11u);
+  EXPECT_EQ(handle_.mean_image().attr0, 0xA0u);
   EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(16, 95.0));
 }
 
@@ -214,16 +205,7 @@ TEST_F(HandleTest, WithoutAnyMeanBuffersEarlyFramesAreDroppedNotWrittenToNull) {
   // The handle's very first run, second frame in before the first is folded: nothing was ever
   // allocated, so there is nowhere to fold; the result stays empty.
   handle_.start_process();
-  Blocker blocker;
-  blocker.Submit();
-  Frame b = Flat(4, 4, 90), c = Flat(4, 4, 100);
-  for (Frame* f : {&b, &c}) {
-    image img = MakeImage(*f);
-    rect roi{};
-    handle_.process_image(&img, &roi);
-  }
-  blocker.open.set_value();
-  DrainPool();
+  FeedTwoWhileTheWorkerIsHeld(77);
   EXPECT_EQ(handle_.folded_frames(), 0);
   EXPECT_EQ(handle_.mean_image().planes[0].data, nullptr);
 }

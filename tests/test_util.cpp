@@ -32,6 +32,21 @@ Frame RandomFrame(int width, int height, uint32_t seed) {
   return frame;
 }
 
+image MakeImage(Frame& frame, uint32_t format) {
+  image img{};
+  img.attr0 = 0xA0;
+  img.attr1 = 0xA1;
+  img.plane_num = 2;
+  img.attr2 = 0xA2;
+  img.attr3 = 0xA3;
+  img.format = format;
+  img.planes[0] = {1, 2, static_cast<uint32_t>(frame.width), static_cast<uint32_t>(frame.height), 3,
+                   frame.y.data()};
+  img.planes[1] = {4, 5, static_cast<uint32_t>(frame.width),
+                   static_cast<uint32_t>(frame.height / 2), 6, frame.uv.data()};
+  return img;
+}
+
 void ReferenceMean::Fold(const Frame& frame) {
   if (folded == 0) {
     y.assign(frame.y.begin(), frame.y.end());

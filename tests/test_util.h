@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "velmora/flowing_water.h"
+
 namespace testutil {
 
 std::vector<uint8_t> RandomBytes(size_t count, uint32_t seed);
@@ -19,6 +21,10 @@ struct Frame {
   std::vector<uint8_t> uv;
 };
 Frame RandomFrame(int width, int height, uint32_t seed);
+
+// The record of a frame as an app hands it in (format 4 or 5). The caller-defined fields carry
+// recognisable values: attr0..attr3 0xA0..0xA3, plane 0 attr0/attr1/attr2 1/2/3, plane 1 4/5/6.
+image MakeImage(Frame& frame, uint32_t format = 4);
 
 // Running mean of frames in double precision, as a camera pipeline defines it:
 // mean = (mean * n) / (n + 1) + sample / (n + 1).

@@ -18,6 +18,11 @@ void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
 
 }  // namespace scalar
 
+void FoldShares(int32_t n, double share[256]) {
+  const double total = static_cast<double>(static_cast<int64_t>(n) + 1);
+  for (int s = 0; s < 256; ++s) share[s] = static_cast<double>(s) / total;
+}
+
 AccumulateMeanFn AccumulateMeanFor(Isa isa) {
   switch (isa) {
 #if defined(VELMORA_HAVE_AVX2)

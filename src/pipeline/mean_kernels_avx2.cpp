@@ -18,10 +18,8 @@ constexpr int64_t kPrefetchAhead = 512;  // doubles, 4 KiB
 template <bool kDivide>
 int64_t FoldBody(double* mean, const uint8_t* sample, int64_t count, int32_t n) {
   const double total = static_cast<double>(static_cast<int64_t>(n) + 1);
-  // sample / (n + 1) takes one of 256 values per call. The table holds each of them computed by
-  // the same division, so looking it up is exact and leaves one division per mean instead of two.
   double share[256];
-  for (int s = 0; s < 256; ++s) share[s] = static_cast<double>(s) / total;
+  FoldShares(n, share);
 
   const __m256d folded4 = _mm256_set1_pd(static_cast<double>(n));
   const __m256d total4 = _mm256_set1_pd(total);

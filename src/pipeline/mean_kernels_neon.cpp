@@ -14,10 +14,8 @@ namespace {
 template <bool kDivide>
 int64_t FoldBody(double* mean, const uint8_t* sample, int64_t count, int32_t n) {
   const double total = static_cast<double>(static_cast<int64_t>(n) + 1);
-  // sample / (n + 1) takes one of 256 values per call. The table holds each of them computed by
-  // the same division, so looking it up is exact and leaves one division per mean instead of two.
   double share[256];
-  for (int s = 0; s < 256; ++s) share[s] = static_cast<double>(s) / total;
+  FoldShares(n, share);
 
   const float64x2_t folded2 = vdupq_n_f64(static_cast<double>(n));
   const float64x2_t total2 = vdupq_n_f64(total);
