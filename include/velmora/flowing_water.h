@@ -10,11 +10,7 @@
 
 #include <stdint.h>
 
-#if defined(_WIN32)
-#define VELMORA_EXPORT __declspec(dllexport)
-#else
-#define VELMORA_EXPORT __attribute__((visibility("default")))
-#endif
+#include "velmora/export.h"
 
 #ifdef __cplusplus
 extern "C" {
