@@ -11,16 +11,10 @@
 #include "common/cpu.h"
 #include "kernel_conformance.h"
 #include "pipeline/mean_kernels.h"
+#include "test_util.h"
 
 namespace velmora {
 namespace {
-
-std::vector<uint8_t> RandomBytes(std::mt19937& rng, int64_t count) {
-  std::uniform_int_distribution<int> byte(0, 255);
-  std::vector<uint8_t> v(static_cast<size_t>(count));
-  for (auto& b : v) b = static_cast<uint8_t>(byte(rng));
-  return v;
-}
 
 TEST(AccumulateMeanDefinition, FoldsWithTwoDivisionsAndOneAddition) {
   struct Case {
@@ -49,13 +43,12 @@ TEST(AccumulateMeanDefinition, FoldsWithTwoDivisionsAndOneAddition) {
 }
 
 TEST(AccumulateMeanDefinition, RunningMeanOfAFrameSequenceIsItsAverage) {
-  std::mt19937 rng(7);
   const int64_t count = 1000;
   const int frames = 25;
   std::vector<double> mean(count, 0.0);
   std::vector<double> sum(count, 0.0);
   for (int32_t n = 0; n < frames; ++n) {
-    const std::vector<uint8_t> frame = RandomBytes(rng, count);
+    const std::vector<uint8_t> frame = testutil::RandomBytes(count, 7 + n);
     scalar::AccumulateMean(mean.data(), frame.data(), count, n);
     for (int64_t i = 0; i < count; ++i) sum[i] += frame[i];
   }
@@ -100,7 +93,7 @@ struct MeanFamily {
     std::uniform_real_distribution<double> wide(-2147483647.0, 2147483647.0);
     std::uniform_int_distribution<int> integer(-300, 300);
     std::uniform_int_distribution<int> pick(0, 3);
-    Case c{std::vector<double>(count), RandomBytes(rng, static_cast<int64_t>(count)),
+    Case c{std::vector<double>(count), testutil::RandomBytes(count, seed),
            std::vector<double>(count)};
     using Limits = std::numeric_limits<double>;
     const double specials[] = {-0.0, Limits::infinity(), Limits::quiet_NaN(),

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <random>
@@ -11,6 +10,7 @@
 
 #include "filters/sharpen_kernels.h"
 #include "kernel_conformance.h"
+#include "test_util.h"
 
 namespace velmora {
 namespace {
@@ -62,25 +62,9 @@ Bytes BlurNear(std::mt19937& rng, const Bytes& luma) {
   return blur;
 }
 
-// A smooth scene with noise and the odd outlier: flat stretches where nothing is sharpened next
-// to edges where everything is.
-Bytes SceneLuma(std::mt19937& rng, int width, int height) {
-  std::uniform_int_distribution<int> noise(-3, 3);
-  std::uniform_int_distribution<int> pick(0, 15);
-  std::uniform_int_distribution<int> byte(0, 255);
-  Bytes luma(static_cast<size_t>(width) * height);
-  for (int r = 0; r < height; ++r) {
-    for (int x = 0; x < width; ++x) {
-      int v = static_cast<int>(128 + 120 * std::sin(x * 0.05) * std::cos(r * 0.07)) + noise(rng);
-      if (pick(rng) == 0) v = byte(rng);
-      luma[static_cast<size_t>(r) * width + x] = ClampByte(v);
-    }
-  }
-  return luma;
-}
-
-// Rows (random, each with a blur near it and a chroma row) for the row kernels, and a frame
-// (a scene; chroma of height / 2 rows) for the whole filter.
+// Rows (random, each with a blur near it and a chroma row) for the row kernels, and a frame for
+// the whole filter: a photograph-like scene, flat stretches where nothing is sharpened next to
+// edges where everything is; chroma of height / 2 rows.
 struct SharpenFamily {
   static constexpr const char* kName = "Sharpen";
   using Kernels = SharpenKernels;
@@ -102,10 +86,14 @@ struct SharpenFamily {
   static Case Make(int width, int height, uint32_t seed) {
     std::mt19937 rng(seed);
     const size_t plane = static_cast<size_t>(width) * height;
-    Case c{width, height, EdgyBytes(rng, plane), {}, EdgyBytes(rng, plane),
-           SceneLuma(rng, width, height), EdgyBytes(rng, static_cast<size_t>(width) * (height / 2)),
-           {}};
+    Case c;
+    c.width = width;
+    c.height = height;
+    c.rows = EdgyBytes(rng, plane);
     c.blur = BlurNear(rng, c.rows);
+    c.rows_uv = EdgyBytes(rng, plane);
+    c.luma = testutil::TexturedImage(width, height, seed);
+    c.chroma = EdgyBytes(rng, static_cast<size_t>(width) * (height / 2));
     if (height == 1) {
       for (int t : kThresholds) {
         for (float a : kAmounts) c.settings.push_back({t, a});

@@ -1,8 +1,13 @@
 #include "test_util.h"
 
+#include <stdlib.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
 
 namespace testutil {
@@ -21,6 +26,12 @@ Frame RandomFrame(int width, int height, uint32_t seed) {
   frame.y = RandomBytes(static_cast<size_t>(width) * height, seed);
   frame.uv = RandomBytes(static_cast<size_t>(width) * (height / 2), seed + 7919);
   return frame;
+}
+
+std::vector<uint8_t> Packed(const Frame& frame) {
+  std::vector<uint8_t> bytes = frame.y;
+  bytes.insert(bytes.end(), frame.uv.begin(), frame.uv.end());
+  return bytes;
 }
 
 image MakeImage(Frame& frame, uint32_t format) {
@@ -168,6 +179,36 @@ std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
     image[i] = static_cast<uint8_t>(std::clamp(v[i] + 4 * unit() - 2, 0.0, 255.0) + 0.5);
   }
   return image;
+}
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "velmora-test-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) std::abort();  // nothing sensible to test without it
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::vector<std::string> TempDir::List() const {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(path_))
+    names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream file(path, std::ios::binary);
+  file.write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+}
+
+std::vector<uint8_t> ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 }  // namespace testutil
