@@ -249,7 +249,7 @@ int velmora_algo::process_two_image(image* frame, image* acc) {
     chroma_n = std::min<int64_t>(chroma_n, PlaneBytes(acc->planes[1]));
     if (chroma_mean == nullptr || frame->planes[1].data == nullptr) chroma_n = 0;
 
-    const velmora::AccumulateMeanFn accumulate = velmora::AccumulateMeanFor(velmora::ActiveIsa());
+    const auto accumulate = velmora::MeanKernelsFor(velmora::ActiveIsa()).accumulate;
     accumulate(luma_mean, frame->planes[0].data, luma_n, acc_count);
     if (chroma_n > 0) accumulate(chroma_mean, frame->planes[1].data, chroma_n, acc_count);
     ++acc_count;
@@ -297,7 +297,7 @@ int velmora_algo::get_process_image_result(image* out, rect* out_roi) {
   out->planes[0].data = out_y;
   out->planes[1].data = out_uv;
 
-  const velmora::MeanToBytesFn to_bytes = velmora::MeanToBytesFor(velmora::ActiveIsa());
+  const auto to_bytes = velmora::MeanKernelsFor(velmora::ActiveIsa()).to_bytes;
   const double* luma_mean = reinterpret_cast<const double*>(record.planes[0].data);
   const double* chroma_mean = reinterpret_cast<const double*>(record.planes[1].data);
   const uint32_t luma_count = out->planes[0].width * out->planes[0].height;
