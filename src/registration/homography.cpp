@@ -1,6 +1,7 @@
 // Homography fit by the normalised direct linear transform, on a Jacobi eigen solver.
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "velmora/homography.h"
 
@@ -45,6 +46,16 @@ inline void Rotate(T& a, T& b, T c, T s) {
   const T a0 = a, b0 = b;
   a = a0 * c - b0 * s;
   b = a0 * s + b0 * c;
+}
+
+// out = a * b, each element summed left to right.
+void Multiply3x3(const double* a, const double* b, double* out) {
+  for (int r = 0; r < 3; ++r) {
+    for (int c = 0; c < 3; ++c) {
+      out[r * 3 + c] = a[r * 3 + 0] * b[0 * 3 + c] + a[r * 3 + 1] * b[1 * 3 + c] +
+                       a[r * 3 + 2] * b[2 * 3 + c];
+    }
+  }
 }
 
 }  // namespace
@@ -195,18 +206,8 @@ int runKernel(int count, Point2D64f* m1, Point2D64f* m2, double* H) {
   // The eigenvector of the smallest eigenvalue, as a 3x3 matrix, de-normalised.
   const double* H0 = V + 8 * 9;
   double Htemp[9], Hout[9];
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 3; ++c) {
-      Htemp[r * 3 + c] = invHnorm[r * 3 + 0] * H0[0 * 3 + c] + invHnorm[r * 3 + 1] * H0[1 * 3 + c] +
-                         invHnorm[r * 3 + 2] * H0[2 * 3 + c];
-    }
-  }
-  for (int r = 0; r < 3; ++r) {
-    for (int c = 0; c < 3; ++c) {
-      Hout[r * 3 + c] = Htemp[r * 3 + 0] * Hnorm2[0 * 3 + c] + Htemp[r * 3 + 1] * Hnorm2[1 * 3 + c] +
-                        Htemp[r * 3 + 2] * Hnorm2[2 * 3 + c];
-    }
-  }
+  Multiply3x3(invHnorm, H0, Htemp);
+  Multiply3x3(Htemp, Hnorm2, Hout);
   const double scale = Hout[8];
   for (int i = 0; i < 9; ++i) H[i] = Hout[i] / scale;
   return 1;

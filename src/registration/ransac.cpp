@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
+#include <vector>  // findHomography's arguments
 
 #include "velmora/homography.h"
 
@@ -97,13 +97,18 @@ bool checkSubset(Point2D64f* points, int count) {
 }
 
 void computeReprojError(Point2D64f* m1, Point2D64f* m2, double* H, float* err, int count) {
-  for (int i = 0; i < count; ++i) err[i] = static_cast<float>(velmora::ReprojError(m1[i], m2[i], H));
+  for (int i = 0; i < count; ++i) {
+    err[i] = static_cast<float>(velmora::ReprojError(m1[i], m2[i], H));
+  }
 }
 
 int findInliers(Point2D64f* m1, Point2D64f* m2, double* H, unsigned char* mask, double thresh,
                 int count) {
-  std::vector<float> err(static_cast<size_t>(std::max(count, 0)));
-  return velmora::FindInliers(m1, m2, H, mask, thresh, count, err.data());
+  const size_t n = static_cast<size_t>(std::max(count, 0));
+  float* err = static_cast<float*>(std::malloc(sizeof(float) * n));
+  const int good = velmora::FindInliers(m1, m2, H, mask, thresh, count, err);
+  std::free(err);
+  return good;
 }
 
 int RANSACUpdateNumIters(double p, double ep, int modelPoints, int maxIters) {
@@ -113,8 +118,8 @@ int RANSACUpdateNumIters(double p, double ep, int modelPoints, int maxIters) {
 bool getSubset(int modelPoints, Point2D64f* ms1, Point2D64f* ms2, int maxAttempts, int* m1, int* m2,
                int* ms1Words, int* ms2Words, int count) {
   if (maxAttempts < 1) return false;
-  // Indices of the current draw; a subset is at most a handful of points.
-  std::vector<unsigned> idx(static_cast<size_t>(std::max(modelPoints, 0)));
+  unsigned* idx = static_cast<unsigned*>(std::malloc(sizeof(unsigned) * std::max(modelPoints, 1)));
+  bool accepted = false;
   for (int attempts = 0;;) {
     for (int i = 0; i < modelPoints;) {
       const unsigned candidate = velmora::NextRandom() % static_cast<unsigned>(count);
@@ -126,13 +131,16 @@ bool getSubset(int modelPoints, Point2D64f* ms1, Point2D64f* ms2, int maxAttempt
       std::memcpy(ms2Words + 4 * i, m2 + 4 * static_cast<size_t>(candidate), 4 * sizeof(int));
       ++i;
     }
-    if (checkPartialSubsets || modelPoints < 3) return true;
-    if (!velmora::HasCollinearTriple(ms1, 0, modelPoints) &&
-        !velmora::HasCollinearTriple(ms2, 0, modelPoints)) {
-      return true;
+    if (checkPartialSubsets || modelPoints < 3 ||
+        (!velmora::HasCollinearTriple(ms1, 0, modelPoints) &&
+         !velmora::HasCollinearTriple(ms2, 0, modelPoints))) {
+      accepted = true;
+      break;
     }
-    if (++attempts == maxAttempts) return false;
+    if (++attempts == maxAttempts) break;
   }
+  std::free(idx);
+  return accepted;
 }
 
 bool runRANSAC(int count, int modelPoints, Point2D64f* m1, Point2D64f* m2, double* model,
@@ -140,35 +148,38 @@ bool runRANSAC(int count, int modelPoints, Point2D64f* m1, Point2D64f* m2, doubl
   // The early returns free what they allocated: nothing observable depends on the leaks those
   // paths are known to have had.
   if (count < modelPoints || maxIters < 1) return false;
+  const size_t n = static_cast<size_t>(std::max(count, 0));
+  const size_t mp = static_cast<size_t>(std::max(modelPoints, 1));
   double model_buf[9];
-  std::vector<unsigned char> work_mask(static_cast<size_t>(count), 1);
-  std::vector<unsigned char> swap_buf(static_cast<size_t>(count));
-  std::vector<float> err(static_cast<size_t>(count));
+  unsigned char* work_mask = static_cast<unsigned char*>(std::malloc(n));
+  unsigned char* swap_buf = static_cast<unsigned char*>(std::malloc(n));
+  float* err = static_cast<float*>(std::malloc(sizeof(float) * n));
+  std::memset(work_mask, 1, n);
   // When count equals modelPoints no subset is ever drawn and the kernel runs on the subset
   // buffers as they are; kept, as findHomography hands four or fewer pairs this way. They start
   // zeroed so that the outcome is fixed: a NaN model without inliers, and false.
-  std::vector<Point2D64f> ms1(static_cast<size_t>(modelPoints), Point2D64f{0.0, 0.0});
-  std::vector<Point2D64f> ms2(static_cast<size_t>(modelPoints), Point2D64f{0.0, 0.0});
+  Point2D64f* ms1 = static_cast<Point2D64f*>(std::calloc(mp, sizeof(*ms1)));
+  Point2D64f* ms2 = static_cast<Point2D64f*>(std::calloc(mp, sizeof(*ms2)));
   auto draw = [&]() {
-    return getSubset(modelPoints, ms1.data(), ms2.data(), velmora::kMaxAttempts,
-                     reinterpret_cast<int*>(m1), reinterpret_cast<int*>(m2),
-                     reinterpret_cast<int*>(ms1.data()), reinterpret_cast<int*>(ms2.data()), count);
+    return getSubset(modelPoints, ms1, ms2, velmora::kMaxAttempts, reinterpret_cast<int*>(m1),
+                     reinterpret_cast<int*>(m2), reinterpret_cast<int*>(ms1),
+                     reinterpret_cast<int*>(ms2), count);
   };
 
   const double log_num = velmora::LogFailure(confidence);
   int niters = maxIters, max_good = 0;
-  if (count > modelPoints && !draw()) return false;
+  const bool drawn = count <= modelPoints || draw();
 
-  for (int iter = 0;;) {
-    runKernel(modelPoints, ms1.data(), ms2.data(), model_buf);
-    const int good = velmora::FindInliers(m1, m2, model_buf, work_mask.data(), reprojThreshold,
-                                          count, err.data());
+  for (int iter = 0; drawn;) {
+    runKernel(modelPoints, ms1, ms2, model_buf);
+    const int good =
+        velmora::FindInliers(m1, m2, model_buf, work_mask, reprojThreshold, count, err);
     if (good > std::max(modelPoints - 1, max_good)) {
       // The caller's mask and the working one trade contents; the working one is rewritten by
       // the next inlier test anyway.
-      std::memcpy(swap_buf.data(), work_mask.data(), static_cast<size_t>(count));
-      std::memcpy(work_mask.data(), mask, static_cast<size_t>(count));
-      std::memcpy(mask, swap_buf.data(), static_cast<size_t>(count));
+      std::memcpy(swap_buf, work_mask, n);
+      std::memcpy(work_mask, mask, n);
+      std::memcpy(mask, swap_buf, n);
       // Nine bytes, not nine doubles: the first coefficient and the low byte of the second reach
       // the caller. Kept as it is; findHomography's refit writes the whole matrix.
       std::memcpy(model, model_buf, 9);
@@ -181,6 +192,11 @@ bool runRANSAC(int count, int modelPoints, Point2D64f* m1, Point2D64f* m2, doubl
     if (count <= modelPoints) continue;  // the same (unfilled) subset again
     if (!draw()) break;
   }
+  std::free(work_mask);
+  std::free(swap_buf);
+  std::free(err);
+  std::free(ms1);
+  std::free(ms2);
   return max_good > 0;
 }
 
