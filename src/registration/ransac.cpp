@@ -8,8 +8,11 @@
 
 #include "velmora/homography.h"
 
+// Seeded once, here, and never again: every estimate continues the sequence where the previous
+// one left it, so results depend on the calls made before. Kept; callers that want repeatable
+// estimates set the state themselves.
 uint64_t rng = 0xFFFFFFFFFFFFFFFFull;
-bool checkPartialSubsets = false;
+bool checkPartialSubsets = false;  // read only; nothing in the library sets it
 
 namespace velmora {
 namespace {
