@@ -99,15 +99,25 @@ __m256d RoundHalfAway(__m256d v) {
   return _mm256_add_pd(t, _mm256_and_pd(up, away));
 }
 
-// The bytes at base + off of eight lanes, by 4-byte gathers that end at the byte (start three
-// before it), so nothing past it is read; offsets below 3 load the plane's first four bytes.
-// Needs a plane of 4 bytes or more.
-__m256i GatherBytes(const uint8_t* base, __m256i off) {
-  const __m256i start = _mm256_max_epi32(_mm256_sub_epi32(off, _mm256_set1_epi32(3)),
-                                         _mm256_setzero_si256());
+// The bytes at base + off and base + off + dx (dx 0 or 1) of eight lanes, from one 4-byte gather
+// that holds both, placed inside the plane's `size` bytes (4 or more) so nothing past it is read.
+void GatherPairs(const uint8_t* base, __m256i off, __m256i dx, int size, __m256i* a, __m256i* b) {
+  const __m256i start = _mm256_min_epi32(
+      _mm256_max_epi32(_mm256_sub_epi32(off, _mm256_set1_epi32(2)), _mm256_setzero_si256()),
+      _mm256_set1_epi32(size - 4));
   const __m256i word = _mm256_i32gather_epi32(reinterpret_cast<const int*>(base), start, 1);
   const __m256i shift = _mm256_slli_epi32(_mm256_sub_epi32(off, start), 3);
-  return _mm256_and_si256(_mm256_srlv_epi32(word, shift), _mm256_set1_epi32(0xff));
+  const __m256i byte = _mm256_set1_epi32(0xff);
+  *a = _mm256_and_si256(_mm256_srlv_epi32(word, shift), byte);
+  *b = _mm256_and_si256(
+      _mm256_srlv_epi32(word, _mm256_add_epi32(shift, _mm256_slli_epi32(dx, 3))), byte);
+}
+
+// The bytes at base + off of eight lanes, from a plane of `size` bytes (4 or more).
+__m256i GatherBytes(const uint8_t* base, __m256i off, int size) {
+  __m256i a, unused;
+  GatherPairs(base, off, _mm256_setzero_si256(), size, &a, &unused);
+  return a;
 }
 
 // Eight values 0..255 in int32 lanes, stored as eight bytes.
@@ -157,12 +167,12 @@ __m256i FixedPoint8(const uint8_t* src, int width, int height, const Positions& 
   const __m256i x1 = _mm256_min_epi32(_mm256_add_epi32(c.x0, one), _mm256_set1_epi32(width - 1));
   const __m256i y1 = _mm256_min_epi32(_mm256_add_epi32(c.y0, one), _mm256_set1_epi32(height - 1));
   const __m256i w = _mm256_set1_epi32(width);
-  const __m256i top = _mm256_mullo_epi32(c.y0, w);
-  const __m256i bottom = _mm256_mullo_epi32(y1, w);
-  const __m256i tl = GatherBytes(src, _mm256_add_epi32(top, c.x0));
-  const __m256i tr = GatherBytes(src, _mm256_add_epi32(top, x1));
-  const __m256i bl = GatherBytes(src, _mm256_add_epi32(bottom, c.x0));
-  const __m256i br = GatherBytes(src, _mm256_add_epi32(bottom, x1));
+  const __m256i top = _mm256_add_epi32(_mm256_mullo_epi32(c.y0, w), c.x0);
+  const __m256i bottom = _mm256_add_epi32(_mm256_mullo_epi32(y1, w), c.x0);
+  const __m256i dx = _mm256_sub_epi32(x1, c.x0);  // 0 on the last column
+  __m256i tl, tr, bl, br;
+  GatherPairs(src, top, dx, width * height, &tl, &tr);
+  GatherPairs(src, bottom, dx, width * height, &bl, &br);
   // Products below 2^31: signed 32-bit multiplies give the unsigned results.
   const __m256i full = _mm256_set1_epi32(2048);
   const __m256i iwy = _mm256_sub_epi32(full, wy);
@@ -242,7 +252,8 @@ void NearestRow(const double* H, const uint8_t* src, uint8_t* dst_row, int width
   for (; x + kStep <= width; x += kStep) {
     const Nearest n = Round8(HalfScale(m, H, x, y), width, height);
     const __m256i at = _mm256_add_epi32(_mm256_mullo_epi32(n.y, _mm256_set1_epi32(width)), n.x);
-    Store8(dst_row + x, _mm256_blendv_epi8(_mm256_set1_epi32(255), GatherBytes(src, at), n.mask));
+    const __m256i v = GatherBytes(src, at, width * height);
+    Store8(dst_row + x, _mm256_blendv_epi8(_mm256_set1_epi32(255), v, n.mask));
   }
   scalar::NearestRow(H, src, dst_row, width, height, y, x);
 }
@@ -251,8 +262,11 @@ void BilinearRow(const double* H, const BilinearSource& src, uint8_t* dst_row, i
                  uint8_t fill, int x_begin) {
   const Matrix m(H);
   const __m256d one = _mm256_set1_pd(1.0);
+  // The bytes a sample may read: up to the last column of the last row. The pair gathers of a
+  // sample of one byte need four of them.
+  const int size = src.last_row * src.stride + src.last_col * src.step + 1;
   int x = x_begin;
-  for (; x + kStep <= width; x += kStep) {
+  for (; src.step == 1 && size >= 4 && x + kStep <= width; x += kStep) {
     const Cells c = Split(FullScale(m, H, src, x, y), src.max_x, src.max_y);
     const __m256i inc = _mm256_set1_epi32(1);
     const __m256i x1 = _mm256_min_epi32(_mm256_add_epi32(c.x0, inc),
@@ -260,15 +274,13 @@ void BilinearRow(const double* H, const BilinearSource& src, uint8_t* dst_row, i
     const __m256i y1 = _mm256_min_epi32(_mm256_add_epi32(c.y0, inc),
                                         _mm256_set1_epi32(src.last_row));
     const __m256i stride = _mm256_set1_epi32(src.stride);
-    const __m256i step = _mm256_set1_epi32(src.step);
-    const __m256i top = _mm256_mullo_epi32(c.y0, stride);
-    const __m256i bottom = _mm256_mullo_epi32(y1, stride);
-    const __m256i left = _mm256_mullo_epi32(c.x0, step);
-    const __m256i right = _mm256_mullo_epi32(x1, step);
-    const __m256i tl = GatherBytes(src.plane, _mm256_add_epi32(top, left));
-    const __m256i tr = GatherBytes(src.plane, _mm256_add_epi32(top, right));
-    const __m256i bl = GatherBytes(src.plane, _mm256_add_epi32(bottom, left));
-    const __m256i br = GatherBytes(src.plane, _mm256_add_epi32(bottom, right));
+    const __m256i left = _mm256_mullo_epi32(c.x0, _mm256_set1_epi32(src.step));
+    const __m256i top = _mm256_add_epi32(_mm256_mullo_epi32(c.y0, stride), left);
+    const __m256i bottom = _mm256_add_epi32(_mm256_mullo_epi32(y1, stride), left);
+    const __m256i dx = _mm256_sub_epi32(x1, c.x0);  // 0 on the last column
+    __m256i tl, tr, bl, br;
+    GatherPairs(src.plane, top, dx, size, &tl, &tr);
+    GatherPairs(src.plane, bottom, dx, size, &bl, &br);
     __m128i value[2];
     for (int g = 0; g < 2; ++g) {
       const auto half = [g](__m256i v) {
