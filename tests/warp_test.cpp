@@ -242,6 +242,13 @@ TEST(DirectFrameWarp, LumaZeroOutOfViewChromaUntouchedOr128) {
       ASSERT_EQ(dst[at + 1], second) << r << "," << p;
     }
   }
+  // Odd sizes: only blocks holding a whole destination pair get chroma; the lone last byte of a
+  // chroma row and the last luma row of an odd height write nothing beyond the luma.
+  const Bytes odd = RandomFrameBuffer(5, 3, 8);
+  dst.assign(odd.size(), 77);
+  perspectiveWarpYUV(identity.data(), const_cast<uint8_t*>(odd.data()), dst.data(), 5, 3);
+  EXPECT_EQ(Bytes(dst.begin(), dst.end() - 1), Bytes(odd.begin(), odd.end() - 1));
+  EXPECT_EQ(dst.back(), 77);
 }
 
 TEST(BorderedFrame, MirroredRowsAndColumnsWithSwappedChromaPairs) {
@@ -265,6 +272,13 @@ TEST(BorderedFrame, MirroredRowsAndColumnsWithSwappedChromaPairs) {
     EXPECT_EQ(Bytes(b + 2, b + w + 2), Bytes(s, s + w));
     EXPECT_EQ((Bytes{b[0], b[1], b[w + 2], b[w + 3]}), (Bytes{s[1], s[0], s[w - 1], s[w - 2]}));
   }
+  // A single pixel: nothing to mirror, so it fills the bordered luma; no chroma row, so the
+  // bordered chroma is neutral.
+  Bytes pixel = {42};
+  Bytes tiny(5 * 5 * 3 / 2, 0);
+  interBorder(pixel.data(), tiny.data(), 1, 1);
+  EXPECT_EQ(Bytes(tiny.begin(), tiny.begin() + 25), Bytes(25, 42));
+  EXPECT_EQ(Bytes(tiny.begin() + 25, tiny.begin() + 35), Bytes(10, 128));
 }
 
 TEST(BorderedFrame, WarpReadsTheBorderWithItsOffsets) {
