@@ -14,23 +14,21 @@
 
 #include "common/cpu.h"
 #include "registration/warp_kernels.h"
+#include "test_util.h"
 
 namespace velmora {
 namespace {
 
 constexpr int kWidth = 1920, kHeight = 1080;
 
+// A photograph-like luma plane and a chroma plane of mild colour noise around grey.
 struct Frame {
-  Frame() : src(kWidth * kHeight * 3 / 2), dst(src.size()) {
+  Frame() : src(testutil::TexturedImage(kWidth, kHeight, 11)) {
     std::mt19937 rng(11);
-    std::uniform_int_distribution<int> noise(-4, 4);
-    for (int y = 0; y < kHeight; ++y) {
-      for (int x = 0; x < kWidth; ++x) {
-        const double v = 128.0 + 90.0 * std::sin(x * 0.013) * std::cos(y * 0.017);
-        src[y * kWidth + x] = static_cast<uint8_t>(v + noise(rng));
-      }
-    }
-    for (size_t i = kWidth * kHeight; i < src.size(); ++i) src[i] = 128 + noise(rng) * 8;
+    std::uniform_int_distribution<int> noise(-32, 32);
+    src.resize(size_t{kWidth} * kHeight * 3 / 2);
+    for (size_t i = size_t{kWidth} * kHeight; i < src.size(); ++i) src[i] = 128 + noise(rng);
+    dst.resize(src.size());
   }
   std::vector<uint8_t> src, dst;
 };

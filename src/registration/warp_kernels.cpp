@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/dispatch.h"
+
 namespace velmora {
 namespace {
 
@@ -163,18 +165,8 @@ const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows};
 }  // namespace scalar
 
 const WarpKernels& WarpKernelsFor(Isa isa) {
-  switch (isa) {
-#if defined(VELMORA_HAVE_AVX2)
-    case Isa::kAvx2:
-      return avx2::kWarp;
-#endif
-#if defined(VELMORA_HAVE_NEON)
-    case Isa::kNeon:
-      return neon::kWarp;
-#endif
-    default:
-      return scalar::kWarp;
-  }
+  static const IsaTable<WarpKernels> t{&scalar::kWarp, VELMORA_AVX2(kWarp), VELMORA_NEON(kWarp)};
+  return Pick(t, isa);
 }
 
 }  // namespace velmora
