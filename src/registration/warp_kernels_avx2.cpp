@@ -87,37 +87,33 @@ __m128i MaskToInt(__m256d m) {
   return _mm256_castsi256_si128(odd_dropped);
 }
 
-// Rounding to nearest with halves away from zero, as std::round: the truncation plus one step
-// away from zero when the (exactly computed) fraction reaches one half. Infinities and NaN pass
-// through (their fraction is NaN).
-__m256d RoundHalfAway(__m256d v) {
-  const __m256d sign_bit = _mm256_set1_pd(-0.0);
-  const __m256d t = _mm256_round_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
-  const __m256d frac = _mm256_andnot_pd(sign_bit, _mm256_sub_pd(v, t));
-  const __m256d away = _mm256_or_pd(_mm256_set1_pd(1.0), _mm256_and_pd(v, sign_bit));
-  const __m256d up = _mm256_cmp_pd(frac, _mm256_set1_pd(0.5), _CMP_GE_OQ);
-  return _mm256_add_pd(t, _mm256_and_pd(up, away));
-}
-
-// The bytes at base + off and base + off + dx (dx 0 or 1) of eight lanes, from one 4-byte gather
-// that holds both, placed inside the plane's `size` bytes (4 or more) so nothing past it is read.
-void GatherPairs(const uint8_t* base, __m256i off, __m256i dx, int size, __m256i* a, __m256i* b) {
+// The bytes at base + off (and the next one, if it lies in the plane) of eight lanes, moved to
+// the low end of each lane, from one 4-byte gather placed inside the plane's `size` bytes (4 or
+// more) so that nothing past it is read. A lane whose second byte would lie beyond gets 0 there,
+// and a lane whose first byte would (off >= size) gets 0 in both: the callers give such bytes a
+// weight of 0 or replace them.
+__m256i WordAt(const uint8_t* base, __m256i off, int size) {
   const __m256i start = _mm256_min_epi32(
       _mm256_max_epi32(_mm256_sub_epi32(off, _mm256_set1_epi32(2)), _mm256_setzero_si256()),
       _mm256_set1_epi32(size - 4));
   const __m256i word = _mm256_i32gather_epi32(reinterpret_cast<const int*>(base), start, 1);
-  const __m256i shift = _mm256_slli_epi32(_mm256_sub_epi32(off, start), 3);
-  const __m256i byte = _mm256_set1_epi32(0xff);
-  *a = _mm256_and_si256(_mm256_srlv_epi32(word, shift), byte);
-  *b = _mm256_and_si256(
-      _mm256_srlv_epi32(word, _mm256_add_epi32(shift, _mm256_slli_epi32(dx, 3))), byte);
+  return _mm256_srlv_epi32(word, _mm256_slli_epi32(_mm256_sub_epi32(off, start), 3));
 }
 
-// The bytes at base + off of eight lanes, from a plane of `size` bytes (4 or more).
-__m256i GatherBytes(const uint8_t* base, __m256i off, int size) {
-  __m256i a, unused;
-  GatherPairs(base, off, _mm256_setzero_si256(), size, &a, &unused);
-  return a;
+// WordAt's two bytes as two int16 (first, second) per lane, ready for a 16-bit multiply-add.
+__m256i PairAt(const uint8_t* base, __m256i off, int size) {
+  const __m256i spread = _mm256_setr_epi8(0, -1, 1, -1, 4, -1, 5, -1, 8, -1, 9, -1, 12, -1, 13, -1,
+                                          0, -1, 1, -1, 4, -1, 5, -1, 8, -1, 9, -1, 12, -1, 13, -1);
+  return _mm256_shuffle_epi8(WordAt(base, off, size), spread);
+}
+
+// The bytes at base + off and base + off + dx (dx 0 or 1) of eight lanes, from a plane of `size`
+// bytes (4 or more).
+void GatherPairs(const uint8_t* base, __m256i off, __m256i dx, int size, __m256i* a, __m256i* b) {
+  const __m256i word = WordAt(base, off, size);
+  const __m256i byte = _mm256_set1_epi32(0xff);
+  *a = _mm256_and_si256(word, byte);
+  *b = _mm256_and_si256(_mm256_srlv_epi32(word, _mm256_slli_epi32(dx, 3)), byte);
 }
 
 // Eight values 0..255 in int32 lanes, stored as eight bytes.
@@ -155,82 +151,89 @@ Cells Split(const Positions& p, double max_x, double max_y) {
   return c;
 }
 
-// The fixed-point bilinear rule on eight positions of a width x height plane; 255 out of view.
-__m256i FixedPoint8(const uint8_t* src, int width, int height, const Positions& p) {
-  const Cells c = Split(p, width - 1.0, height - 1.0);
-  const __m256d scale = _mm256_set1_pd(2048.0);
-  const __m256i wx = Join(_mm256_cvttpd_epi32(_mm256_mul_pd(c.fx[0], scale)),
-                          _mm256_cvttpd_epi32(_mm256_mul_pd(c.fx[1], scale)));
-  const __m256i wy = Join(_mm256_cvttpd_epi32(_mm256_mul_pd(c.fy[0], scale)),
-                          _mm256_cvttpd_epi32(_mm256_mul_pd(c.fy[1], scale)));
-  const __m256i one = _mm256_set1_epi32(1);
-  const __m256i x1 = _mm256_min_epi32(_mm256_add_epi32(c.x0, one), _mm256_set1_epi32(width - 1));
-  const __m256i y1 = _mm256_min_epi32(_mm256_add_epi32(c.y0, one), _mm256_set1_epi32(height - 1));
-  const __m256i w = _mm256_set1_epi32(width);
-  const __m256i top = _mm256_add_epi32(_mm256_mullo_epi32(c.y0, w), c.x0);
-  const __m256i bottom = _mm256_add_epi32(_mm256_mullo_epi32(y1, w), c.x0);
-  const __m256i dx = _mm256_sub_epi32(x1, c.x0);  // 0 on the last column
-  __m256i tl, tr, bl, br;
-  GatherPairs(src, top, dx, width * height, &tl, &tr);
-  GatherPairs(src, bottom, dx, width * height, &bl, &br);
-  // Products below 2^31: signed 32-bit multiplies give the unsigned results.
-  const __m256i full = _mm256_set1_epi32(2048);
-  const __m256i iwy = _mm256_sub_epi32(full, wy);
-  const __m256i left = _mm256_add_epi32(_mm256_mullo_epi32(iwy, tl), _mm256_mullo_epi32(wy, bl));
-  const __m256i right = _mm256_add_epi32(_mm256_mullo_epi32(iwy, tr), _mm256_mullo_epi32(wy, br));
-  const __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(left, _mm256_sub_epi32(full, wx)),
-                                       _mm256_mullo_epi32(right, wx));
-  return _mm256_blendv_epi8(_mm256_set1_epi32(255), _mm256_srli_epi32(sum, 22), c.mask);
-}
-
-// Nearest positions: rounded, tested against width and height, out-of-view lanes moved to 0.
-struct Nearest {
-  __m256i x, y, mask;
+// What the fixed-point and the nearest rules need of eight positions, from one floor per
+// coordinate. The nearest rule's view is the wider one: round(s) lies in 0 .. size - 1 exactly
+// when -0.5 < s < size - 0.5 (halves go away from zero: -0.5 gives -1, size - 0.5 gives size).
+// Lanes outside it are moved to 0 before the floor, so no conversion meets a NaN or a huge value;
+// the fixed-point view 0 <= s <= size - 1 lies inside it, so its lanes keep their own floor.
+// round(s) is the floor plus one when the exact fraction s - floor(s) reaches one half (for
+// -0.5 < s < 0 that fraction is above one half, giving 0, as round does).
+struct Grid {
+  __m256i x0, y0;            // floors
+  __m256i wx, wy;            // (int)(fraction * 2048)
+  __m256i rx, ry;            // nearest positions
+  __m256i bilinear, nearest;  // in-view masks of the two rules
 };
 
-Nearest Round8(const Positions& p, int width, int height) {
-  __m128i x[2], y[2], mask[2];
+Grid MakeGrid(const Positions& p, int width, int height) {
+  __m128i x0[2], y0[2], wx[2], wy[2], rx[2], ry[2], bilinear[2], nearest[2];
+  const __m256d half = _mm256_set1_pd(0.5), one = _mm256_set1_pd(1.0);
+  const __m256d scale = _mm256_set1_pd(2048.0);
   for (int g = 0; g < 2; ++g) {
-    const __m256d rx = RoundHalfAway(p.x[g]);
-    const __m256d ry = RoundHalfAway(p.y[g]);
-    const __m256d in = _mm256_and_pd(
-        _mm256_and_pd(_mm256_cmp_pd(rx, _mm256_setzero_pd(), _CMP_GE_OQ),
-                      _mm256_cmp_pd(rx, _mm256_set1_pd(width), _CMP_LT_OQ)),
-        _mm256_and_pd(_mm256_cmp_pd(ry, _mm256_setzero_pd(), _CMP_GE_OQ),
-                      _mm256_cmp_pd(ry, _mm256_set1_pd(height), _CMP_LT_OQ)));
-    x[g] = _mm256_cvttpd_epi32(_mm256_and_pd(rx, in));
-    y[g] = _mm256_cvttpd_epi32(_mm256_and_pd(ry, in));
-    mask[g] = MaskToInt(in);
+    const __m256d sx = p.x[g], sy = p.y[g];
+    const __m256d near = _mm256_and_pd(
+        _mm256_and_pd(_mm256_cmp_pd(sx, _mm256_set1_pd(-0.5), _CMP_GT_OQ),
+                      _mm256_cmp_pd(sx, _mm256_set1_pd(width - 0.5), _CMP_LT_OQ)),
+        _mm256_and_pd(_mm256_cmp_pd(sy, _mm256_set1_pd(-0.5), _CMP_GT_OQ),
+                      _mm256_cmp_pd(sy, _mm256_set1_pd(height - 0.5), _CMP_LT_OQ)));
+    const __m256d bil = _mm256_and_pd(InRange(sx, width - 1.0), InRange(sy, height - 1.0));
+    const __m256d mx = _mm256_and_pd(sx, near), my = _mm256_and_pd(sy, near);
+    const __m256d fl_x = _mm256_floor_pd(mx), fl_y = _mm256_floor_pd(my);
+    const __m256d fx = _mm256_sub_pd(mx, fl_x), fy = _mm256_sub_pd(my, fl_y);
+    x0[g] = _mm256_cvttpd_epi32(fl_x);
+    y0[g] = _mm256_cvttpd_epi32(fl_y);
+    wx[g] = _mm256_cvttpd_epi32(_mm256_mul_pd(fx, scale));
+    wy[g] = _mm256_cvttpd_epi32(_mm256_mul_pd(fy, scale));
+    rx[g] = _mm256_cvttpd_epi32(
+        _mm256_add_pd(fl_x, _mm256_and_pd(_mm256_cmp_pd(fx, half, _CMP_GE_OQ), one)));
+    ry[g] = _mm256_cvttpd_epi32(
+        _mm256_add_pd(fl_y, _mm256_and_pd(_mm256_cmp_pd(fy, half, _CMP_GE_OQ), one)));
+    bilinear[g] = MaskToInt(bil);
+    nearest[g] = MaskToInt(near);
   }
-  return {Join(x[0], x[1]), Join(y[0], y[1]), Join(mask[0], mask[1])};
+  return {Join(x0[0], x0[1]), Join(y0[0], y0[1]), Join(wx[0], wx[1]), Join(wy[0], wy[1]),
+          Join(rx[0], rx[1]), Join(ry[0], ry[1]), Join(bilinear[0], bilinear[1]),
+          Join(nearest[0], nearest[1])};
 }
 
-// The replicated chroma planes at eight nearest positions: the pair at chroma row y / 2, byte
-// x & ~1 of a plane of `chroma` bytes. Bytes beyond it, and out-of-view lanes, give 255.
-void ChromaPairs8(const uint8_t* src_uv, int width, int chroma, const Nearest& n, __m256i* first,
+// The fixed-point bilinear rule; 255 out of view. The integer blend is exact, so it may run
+// horizontally first (one 16-bit multiply-add per row of the cell): the same value as the
+// definition's vertical-first order. The neighbours are not clamped: on the last column (row)
+// the position is exactly that column (row), so the weight of the neighbour after it is 0 and
+// whatever is read there (the next row's first byte, or 0 past the plane) adds nothing.
+__m256i FixedPoint8(const uint8_t* src, int width, int height, const Grid& g) {
+  const int size = width * height;
+  const __m256i w = _mm256_set1_epi32(width);
+  const __m256i top = _mm256_and_si256(_mm256_add_epi32(_mm256_mullo_epi32(g.y0, w), g.x0),
+                                       g.bilinear);
+  const __m256i bottom = _mm256_add_epi32(top, w);
+  const __m256i full = _mm256_set1_epi32(2048);
+  const __m256i weights = _mm256_or_si256(_mm256_sub_epi32(full, g.wx), _mm256_slli_epi32(g.wx, 16));
+  const __m256i upper = _mm256_madd_epi16(PairAt(src, top, size), weights);
+  const __m256i lower = _mm256_madd_epi16(PairAt(src, bottom, size), weights);
+  // Below 2^31: signed 32-bit multiplies give the unsigned results.
+  const __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(upper, _mm256_sub_epi32(full, g.wy)),
+                                       _mm256_mullo_epi32(lower, g.wy));
+  return _mm256_blendv_epi8(_mm256_set1_epi32(255), _mm256_srli_epi32(sum, 22), g.bilinear);
+}
+
+// The replicated chroma planes at the nearest positions: the pair at chroma row y / 2, byte
+// x & ~1 of a plane of `chroma` bytes (4 or more). Bytes beyond it, and out-of-view lanes,
+// give 255.
+void ChromaPairs8(const uint8_t* src_uv, int width, int chroma, const Grid& g, __m256i* first,
                   __m256i* second) {
-  const __m256i at = _mm256_add_epi32(_mm256_mullo_epi32(_mm256_srli_epi32(n.y, 1),
-                                                         _mm256_set1_epi32(width)),
-                                      _mm256_andnot_si256(_mm256_set1_epi32(1), n.x));
+  const __m256i at = _mm256_add_epi32(
+      _mm256_mullo_epi32(_mm256_srli_epi32(g.ry, 1), _mm256_set1_epi32(width)),
+      _mm256_andnot_si256(_mm256_set1_epi32(1), g.rx));
   const __m256i limit = _mm256_set1_epi32(chroma);
-  const __m256i valid0 = _mm256_and_si256(n.mask, _mm256_cmpgt_epi32(limit, at));
-  const __m256i at1 = _mm256_add_epi32(at, _mm256_set1_epi32(1));
-  const __m256i valid1 = _mm256_and_si256(n.mask, _mm256_cmpgt_epi32(limit, at1));
-  // One 4-byte gather ending at the second byte (or the plane's last one) holds both bytes.
-  const __m256i safe = _mm256_and_si256(at, valid0);
-  const __m256i end = _mm256_min_epi32(_mm256_add_epi32(safe, _mm256_set1_epi32(1)),
-                                       _mm256_set1_epi32(chroma - 1));
-  const __m256i start = _mm256_max_epi32(_mm256_sub_epi32(end, _mm256_set1_epi32(3)),
-                                         _mm256_setzero_si256());
-  const __m256i word = _mm256_i32gather_epi32(reinterpret_cast<const int*>(src_uv), start, 1);
-  const __m256i shift = _mm256_slli_epi32(_mm256_sub_epi32(safe, start), 3);
+  const __m256i valid0 = _mm256_and_si256(g.nearest, _mm256_cmpgt_epi32(limit, at));
+  const __m256i valid1 = _mm256_and_si256(
+      g.nearest, _mm256_cmpgt_epi32(limit, _mm256_add_epi32(at, _mm256_set1_epi32(1))));
+  const __m256i word = WordAt(src_uv, _mm256_and_si256(at, valid0), chroma);
   const __m256i byte = _mm256_set1_epi32(0xff);
   const __m256i fill = _mm256_set1_epi32(255);
-  const __m256i b0 = _mm256_and_si256(_mm256_srlv_epi32(word, shift), byte);
-  const __m256i b1 = _mm256_and_si256(
-      _mm256_srlv_epi32(word, _mm256_add_epi32(shift, _mm256_set1_epi32(8))), byte);
-  *first = _mm256_blendv_epi8(fill, b0, valid0);
-  *second = _mm256_blendv_epi8(fill, b1, valid1);
+  *first = _mm256_blendv_epi8(fill, _mm256_and_si256(word, byte), valid0);
+  *second = _mm256_blendv_epi8(fill, _mm256_and_si256(_mm256_srli_epi32(word, 8), byte), valid1);
 }
 
 }  // namespace
@@ -240,7 +243,7 @@ void FixedPointRow(const double* H, const uint8_t* src, uint8_t* dst_row, int wi
   const Matrix m(H);
   int x = x_begin;
   for (; x + kStep <= width; x += kStep) {
-    Store8(dst_row + x, FixedPoint8(src, width, height, HalfScale(m, H, x, y)));
+    Store8(dst_row + x, FixedPoint8(src, width, height, MakeGrid(HalfScale(m, H, x, y), width, height)));
   }
   scalar::FixedPointRow(H, src, dst_row, width, height, y, x);
 }
@@ -250,10 +253,11 @@ void NearestRow(const double* H, const uint8_t* src, uint8_t* dst_row, int width
   const Matrix m(H);
   int x = x_begin;
   for (; x + kStep <= width; x += kStep) {
-    const Nearest n = Round8(HalfScale(m, H, x, y), width, height);
-    const __m256i at = _mm256_add_epi32(_mm256_mullo_epi32(n.y, _mm256_set1_epi32(width)), n.x);
-    const __m256i v = GatherBytes(src, at, width * height);
-    Store8(dst_row + x, _mm256_blendv_epi8(_mm256_set1_epi32(255), v, n.mask));
+    const Grid g = MakeGrid(HalfScale(m, H, x, y), width, height);
+    const __m256i at = _mm256_and_si256(
+        _mm256_add_epi32(_mm256_mullo_epi32(g.ry, _mm256_set1_epi32(width)), g.rx), g.nearest);
+    const __m256i v = _mm256_and_si256(WordAt(src, at, width * height), _mm256_set1_epi32(0xff));
+    Store8(dst_row + x, _mm256_blendv_epi8(_mm256_set1_epi32(255), v, g.nearest));
   }
   scalar::NearestRow(H, src, dst_row, width, height, y, x);
 }
@@ -294,7 +298,11 @@ void BilinearRow(const double* H, const BilinearSource& src, uint8_t* dst_row, i
                                 _mm256_mul_pd(_mm256_mul_pd(gx, gy), half(tl)));
       v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, gy), half(tr)));
       v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, fy), half(br)));
-      value[g] = _mm256_cvttpd_epi32(RoundHalfAway(v));
+      // v >= 0 (a blend of bytes with weights in 0..1): halves away from zero are halves up,
+      // the floor plus one when the exact fraction reaches one half.
+      const __m256d fl = _mm256_floor_pd(v);
+      const __m256d up = _mm256_cmp_pd(_mm256_sub_pd(v, fl), _mm256_set1_pd(0.5), _CMP_GE_OQ);
+      value[g] = _mm256_cvttpd_epi32(_mm256_add_pd(fl, _mm256_and_pd(up, one)));
     }
     Store8(dst_row + x,
            _mm256_blendv_epi8(_mm256_set1_epi32(fill), Join(value[0], value[1]), c.mask));
@@ -314,11 +322,11 @@ void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uin
       __m256i sum0 = _mm256_setzero_si256(), sum1 = _mm256_setzero_si256();
       for (int r = 0; r < 2; ++r) {
         // One mapping serves the luma sample and the nearest chroma sample of a pixel.
-        const Positions p = HalfScale(m, H, x, y + r);
+        const Grid g = MakeGrid(HalfScale(m, H, x, y + r), width, height);
         Store8(dst_y + static_cast<int64_t>(y + r) * width + x,
-               FixedPoint8(src_y, width, height, p));
+               FixedPoint8(src_y, width, height, g));
         __m256i c0, c1;
-        ChromaPairs8(src_uv, width, chroma, Round8(p, width, height), &c0, &c1);
+        ChromaPairs8(src_uv, width, chroma, g, &c0, &c1);
         sum0 = _mm256_add_epi32(sum0, c0);
         sum1 = _mm256_add_epi32(sum1, c1);
       }
