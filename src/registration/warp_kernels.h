@@ -42,7 +42,9 @@ using BilinearRowFn = void (*)(const double* H, const BilinearSource& src, uint8
 // The split frame warp on the row pair y, y + 1 (y even): luma rows y and y + 1 (those below
 // height) through the fixed-point rule, and the chroma bytes of the 2x2 blocks starting at even
 // columns x >= x_begin (x_begin even), each the truncated mean of four nearest-neighbour samples
-// of the replicated chroma planes. See SplitChromaSample for the odd sizes.
+// of the replicated chroma planes. See SplitChromaSample for the odd sizes. The six planes of
+// the plain rule are never built: the three warps of a pixel share its one mapping, and the
+// replicated chroma is read straight from the source pairs; the bytes are the same.
 using SplitRowsFn = void (*)(const double* H, const uint8_t* src_y, const uint8_t* src_uv,
                              uint8_t* dst_y, uint8_t* dst_uv, int width, int height, int y,
                              int x_begin);

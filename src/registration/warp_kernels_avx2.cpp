@@ -1,6 +1,6 @@
 // AVX2 row kernels of the perspective warps, eight destination pixels at a time: the mapping in
 // double (two groups of four lanes, the same products and exact divisions as the scalar rule),
-// the samples fetched by gathers, the blends in 32-bit integers or double. Each row is finished
+// the samples fetched by gathers, the blends in integers or double. Each row is finished
 // by the scalar rule. Compiled with -mavx2 only (no FMA): every product is rounded on its own.
 // No library templates or shared inline helpers here: an instantiation built with -mavx2 could
 // be the copy the linker keeps for all.
@@ -123,8 +123,8 @@ void Store8(uint8_t* p, __m256i v) {
   _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(words, words));
 }
 
-// The integer parts (floor) and the in-view mask of in-range positions; out-of-view lanes are
-// moved to 0 before any conversion. frac receives position - floor.
+// The floors, the fractions (position - floor) and the in-view mask of eight positions of the
+// double-precision bilinear rule; out-of-view lanes are moved to 0 before any conversion.
 struct Cells {
   __m256i x0, y0, mask;
   __m256d fx[2], fy[2];
