@@ -206,8 +206,7 @@ void Utils::printfPidMemInfo() {
   if (file != nullptr) {
     ScanStatus(file, [](int, const _mem_info& e) {
       // The number is printed as a 32-bit integer.
-      VLOG_AS(2, "INFO", "printfPidMemInfo", "%s %d %s", e.name, static_cast<int>(e.value),
-              e.unit);
+      VLOG_AS(2, "INFO", "printfPidMemInfo", "%s %d %s", e.name, static_cast<int>(e.value), e.unit);
     });
     std::fclose(file);
   } else {

@@ -87,8 +87,7 @@ void recursiveGauss(float* src, float* dst, int length, int step, GaussCoefs* co
   // Without a sample there is nothing to write, and the forward boundary would read a sample
   // that is not there.
   if (length < 1) return;
-  const double B = coefs->B, b0 = coefs->b[0], b1 = coefs->b[1], b2 = coefs->b[2],
-               b3 = coefs->b[3];
+  const double B = coefs->B, b0 = coefs->b[0], b1 = coefs->b[1], b2 = coefs->b[2], b3 = coefs->b[3];
   // The throwing allocator: a length too large to allocate ends the process here (noexcept)
   // rather than letting an exception out of the library.
   const size_t cells = static_cast<size_t>(length) + 3;
