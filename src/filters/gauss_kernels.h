@@ -9,7 +9,8 @@
 namespace velmora {
 
 // The 8-bit blur is the sharpen filter's: its scalar BlurRow (BlurRowFn) is the definition for
-// both; NEON runs the sharpen filter's row too, AVX2 a faster one of its own.
+// both. The vector GaussBlurRow variants give the same bytes with each column sum formed once
+// instead of three times.
 
 // out[x] for x = 1 .. width - 2: the 3x3 neighbourhood weighted 0.0947416f at the corners,
 // 0.118318f at the edges and 0.147761f at the centre, summed in single precision from 0.0 in
@@ -39,12 +40,13 @@ VELMORA_GAUSS_KERNELS
 }  // namespace scalar
 namespace avx2 {
 VELMORA_GAUSS_KERNELS
-// The 8-bit blur with each column sum formed once instead of three times; same bytes as BlurRow.
 void GaussBlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* out,
                   int width);
 }  // namespace avx2
 namespace neon {
 VELMORA_GAUSS_KERNELS
+void GaussBlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* out,
+                  int width);
 }  // namespace neon
 
 #undef VELMORA_GAUSS_KERNELS
