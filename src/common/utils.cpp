@@ -218,6 +218,7 @@ void Utils::printfPidMemInfo() {
 void Utils::getPidMemInfo(_mem_info* out) {
   using namespace velmora;
   std::FILE* file = OpenStatus(pid);
+  mem_count = 0;  // as in printfPidMemInfo, whose scan this is without the start and end lines
   if (file == nullptr) {
     VLOG_ERROR("do not have permission to read %d memInfo", pid);
     return;
