@@ -36,8 +36,7 @@ std::vector<LogRecord> Logged(Fn fn) {
   return TakeLogRecords();
 }
 
-// The house line for a function of utils.cpp, any line number, then the
-// message.
+// The house line for a function of utils.cpp, any line number, then the message.
 std::string Line(const std::string& function, const std::string& message) {
   return "\\[INFO\\]\\[ utils\\.cpp \\] [0-9]+  " + function + "\\(\\) " + message;
 }
@@ -226,8 +225,7 @@ TEST(UtilsMemory, SystemFiguresMatchProcMeminfo) {
     EXPECT_LE(out[k].value, out[0].value) << keys[k];
   }
   EXPECT_GT(out[1].value, 0u);
-  // A Linux desktop kernel has no ION or GPU figures: their entries are left
-  // alone.
+  // A Linux desktop kernel has no ION or GPU figures: their entries are left alone.
   for (int k = 5; k < 8; ++k) EXPECT_STREQ(out[k].name, "untouched");
 
   const auto lines = Logged([u] { u->printfMemInfo(); });
@@ -252,8 +250,7 @@ TEST(UtilsMemory, ProcessFiguresMatchTheStatusFile) {
   EXPECT_GE(out[2].value, out[3].value);  // peak resident over current resident
   EXPECT_GE(out[1].value, out[3].value);  // mapped over resident
   EXPECT_GT(out[3].value, 0u);
-  // The resident peak is the kernel's maximum resident set, as getrusage
-  // reports it.
+  // The resident peak is the kernel's maximum resident set, as getrusage reports it.
   rusage usage;
   getrusage(RUSAGE_SELF, &usage);
   EXPECT_NEAR(static_cast<double>(out[2].value), static_cast<double>(usage.ru_maxrss),
@@ -273,8 +270,7 @@ TEST(UtilsMemory, ProcessFiguresMatchTheStatusFile) {
 TEST(Galloc, NullAndZeroSizeRules) {
   EXPECT_EQ(galloc_malloc(0), nullptr);
   EXPECT_EQ(galloc_alloc(0), nullptr);
-  EXPECT_EQ(galloc_realloc(nullptr, 10),
-            nullptr);  // does not allocate, unlike realloc
+  EXPECT_EQ(galloc_realloc(nullptr, 10), nullptr);  // does not allocate, unlike realloc
 
   auto* p = static_cast<unsigned char*>(galloc_alloc(64));
   ASSERT_NE(p, nullptr);
