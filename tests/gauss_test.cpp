@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/cpu.h"
+#include "kernel_conformance.h"
 #include "filters/gauss_kernels.h"
 #include "velmora/filters.h"
 
@@ -192,54 +193,46 @@ TEST(GaussSmooth, KeepsOnlyTheColumnPass) {
   }
 }
 
-// Every vector variant this machine runs against the scalar rows, bit for bit, on random planes
-// of many sizes whose buffers end where the plane does.
-class GaussKernelsTest : public ::testing::TestWithParam<velmora::Isa> {};
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(GaussKernelsTest);
-
-TEST_P(GaussKernelsTest, BlursMatchScalar) {
-  using velmora::GaussBlurPlane;
-  const velmora::GaussKernels& vector = velmora::GaussKernelsFor(GetParam());
-  const velmora::GaussKernels& plain = velmora::GaussKernelsFor(velmora::Isa::kScalar);
-  std::mt19937 rng(17);
-  std::uniform_int_distribution<int> byte(0, 255);
-  std::uniform_real_distribution<float> value(-1e4f, 1e4f);
-  // Values where the order of a float sum or a lost rounding would show.
-  const float specials[] = {0.0f, -0.0f, 1e-40f, -1e-40f, 3e38f, -3e38f,
-                            std::numeric_limits<float>::infinity(), 1.0f, 255.0f};
-  std::vector<int> widths;
-  for (int w = 1; w <= 33; ++w) widths.push_back(w);
-  widths.push_back(640);
-  widths.push_back(1920);
-  for (int w : widths) {
-    for (int h : {1, 3, 4, 7}) {
-      SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
-      const size_t n = static_cast<size_t>(w) * h;
-      Bytes src(n);
-      for (auto& b : src) b = static_cast<uint8_t>(byte(rng));
-      Bytes expected(n, 0x5A), actual(n, 0x5A);
-      GaussBlurPlane(plain, src.data(), expected.data(), w, h);
-      GaussBlurPlane(vector, src.data(), actual.data(), w, h);
-      ASSERT_EQ(expected, actual);
-
-      Floats fsrc(n);
-      for (auto& f : fsrc) f = byte(rng) < 16 ? specials[byte(rng) % 9] : value(rng);
-      Floats fexpected(n, -5.0f), factual(n, -5.0f);
-      GaussBlurPlane(plain, fsrc.data(), fexpected.data(), w, h);
-      GaussBlurPlane(vector, fsrc.data(), factual.data(), w, h);
-      ASSERT_EQ(0, std::memcmp(fexpected.data(), factual.data(), n * sizeof(float)));
-    }
+// The blur rows of every vector variant against the scalar ones, through whole planes: 8-bit
+// apart, float apart and in place, with values where a lost rounding or another order would show.
+struct GaussFamily {
+  static constexpr const char* kName = "Gauss";
+  using Kernels = velmora::GaussKernels;
+  static const Kernels& For(velmora::Isa isa) { return velmora::GaussKernelsFor(isa); }
+  struct Case {
+    int width, height;
+    Bytes bytes;
+    Floats floats;
+  };
+  static Case Make(int width, int height, uint32_t seed) {
+    const size_t n = static_cast<size_t>(width) * height;
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<int> byte(0, 255);
+    std::uniform_real_distribution<float> value(-1e4f, 1e4f);
+    const float specials[] = {0.0f, -0.0f, 1e-40f, -1e-40f, 3e38f, -3e38f,
+                              std::numeric_limits<float>::infinity(), 1.0f, 255.0f};
+    Case c{width, height, Bytes(n), Floats(n)};
+    for (auto& b : c.bytes) b = static_cast<uint8_t>(byte(rng));
+    for (auto& f : c.floats) f = byte(rng) < 16 ? specials[byte(rng) % 9] : value(rng);
+    return c;
   }
-}
-
-std::vector<velmora::Isa> VectorIsas() {
-  std::vector<velmora::Isa> isas;
-  for (velmora::Isa isa : velmora::AvailableIsas()) {
-    if (isa != velmora::Isa::kScalar) isas.push_back(isa);
+  static std::vector<uint8_t> Run(const Kernels& k, const Case& c) {
+    const size_t n = c.bytes.size();
+    Bytes blurred(n, 0x5A);
+    Floats apart(n, -5.0f), in_place = c.floats;
+    velmora::GaussBlurPlane(k, c.bytes.data(), blurred.data(), c.width, c.height);
+    velmora::GaussBlurPlane(k, c.floats.data(), apart.data(), c.width, c.height);
+    velmora::GaussBlurPlane(k, in_place.data(), in_place.data(), c.width, c.height);
+    std::vector<uint8_t> out;
+    velmora::AppendBytes(out, blurred);
+    velmora::AppendBytes(out, apart);
+    velmora::AppendBytes(out, in_place);
+    return out;
   }
-  return isas;
-}
-INSTANTIATE_TEST_SUITE_P(AllIsas, GaussKernelsTest, ::testing::ValuesIn(VectorIsas()),
-                         [](const auto& info) { return velmora::IsaName(info.param); });
+};
 
 }  // namespace
+
+namespace velmora {
+TEST_P(KernelConformance, Gauss) { ExpectMatchesScalar<GaussFamily>(GetParam()); }
+}  // namespace velmora

@@ -1,5 +1,7 @@
 #include "filters/gauss_kernels.h"
 
+#include "common/dispatch.h"
+
 namespace velmora {
 namespace scalar {
 
@@ -25,18 +27,9 @@ const GaussKernels kGauss = {BlurRow, GaussBlurRowFloat};
 }  // namespace scalar
 
 const GaussKernels& GaussKernelsFor(Isa isa) {
-  switch (isa) {
-#if defined(VELMORA_HAVE_AVX2)
-    case Isa::kAvx2:
-      return avx2::kGauss;
-#endif
-#if defined(VELMORA_HAVE_NEON)
-    case Isa::kNeon:
-      return neon::kGauss;
-#endif
-    default:
-      return scalar::kGauss;
-  }
+  static const IsaTable<GaussKernels> t{&scalar::kGauss, VELMORA_AVX2(kGauss),
+                                        VELMORA_NEON(kGauss)};
+  return Pick(t, isa);
 }
 
 }  // namespace velmora
