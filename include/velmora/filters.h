@@ -15,4 +15,38 @@ VELMORA_EXPORT void sharpenFilter(unsigned char* srcY, unsigned char* srcUV, uns
                                   unsigned char* dstUV, int width, int height, int threshold,
                                   float amount);
 
+// ---- Gaussian smoothing ----------------------------------------------------------------------
+// Planes are row-major with the row stride equal to width; float planes hold one float per pixel.
+
+// Coefficients of the recursive (Young and van Vliet) Gaussian of order 3.
+struct GaussCoefs {
+  int N;        // order of the recursion, always 3
+  float sigma;  // the standard deviation the coefficients were computed for
+  double B;     // gain of the input sample
+  double b[4];  // b[0] the divisor; b[1] .. b[3] weigh the previous three outputs
+};
+
+// 3x3 binomial blur (1 2 1 / 2 4 2 / 1 2 1, sum / 16 truncated) of the interior pixels; the first
+// and last rows and columns of dst keep what they had, and nothing is written unless both sides
+// are at least 3. dst must not be src: the rows above would be read after they were blurred.
+VELMORA_EXPORT void gaussBlur(unsigned char* src, unsigned char* dst, int width, int height);
+
+// 3x3 sampled Gaussian (sigma 1.5) of the interior pixels, summed in single precision; borders of
+// dst keep what they had. The source is copied first, so dst may be src.
+VELMORA_EXPORT void gaussBlur(float* src, float* dst, int width, int height);
+
+// Fills coefs for the recursive Gaussian of standard deviation sigma.
+VELMORA_EXPORT void computeGaussCoefs(GaussCoefs* coefs, float sigma);
+
+// Forward and backward recursion along one line of length samples lying step floats apart,
+// written to dst at the positions read from src. The output is shifted three samples toward the
+// end of the line. A length that cannot be allocated ends the process.
+VELMORA_EXPORT void recursiveGauss(float* src, float* dst, int length, int step,
+                                   GaussCoefs* coefs) noexcept;
+
+// Recursive Gaussian of a plane: a pass along the rows, then one along the columns, both reading
+// src. The column pass overwrites the whole row pass, so dst is src filtered along columns only.
+VELMORA_EXPORT void gaussSmooth(float* src, float* dst, int width, int height,
+                                float sigma) noexcept;
+
 #endif  // VELMORA_FILTERS_H
