@@ -80,8 +80,11 @@ void DetectCorners(const GradientKernels& g, const CornerKernels& c, const uint8
   // whole (its maximum sets the threshold); derivatives and products stream through three rows,
   // and the dilated map through one, with the same values at every pixel.
   const size_t w = static_cast<size_t>(width);
-  // Zeroed: the response's one-pixel border ring is fixed at 0, never computed.
-  float* response = static_cast<float*>(std::calloc(w * height, sizeof(float)));
+  float* response = static_cast<float*>(std::malloc(w * height * sizeof(float)));
+  // The response's one-pixel border ring is fixed at 0, never computed (the interior is written
+  // row by row below; zeroing all of it first would cost a pass over the map).
+  std::memset(response, 0, w * sizeof(float));
+  std::memset(response + w * (height - 1), 0, w * sizeof(float));
   int32_t* dx = static_cast<int32_t*>(std::malloc(2 * w * sizeof(int32_t)));
   int32_t* dy = dx + w;
   float* products = static_cast<float*>(std::malloc(9 * w * sizeof(float)));  // 3 rows x 3 maps
@@ -101,6 +104,7 @@ void DetectCorners(const GradientKernels& g, const CornerKernels& c, const uint8
     if (y < 2) continue;
     const int r = y - 1;
     float* out = response + w * r;
+    out[0] = out[w - 1] = 0.0f;
     // medblur(Dyy, Dxx, Dxy, Dyy, ...): its first argument is not read.
     g.min_eigen_row({slot(r - 1, 0), slot(r, 0), slot(r + 1, 0)},
                     {slot(r - 1, 1), slot(r, 1), slot(r + 1, 1)},
