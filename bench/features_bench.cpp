@@ -46,10 +46,10 @@ std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
   std::vector<uint8_t> img(acc.size());
   for (size_t i = 0; i < acc.size(); ++i) img[i] = static_cast<uint8_t>(40.0f + 170.0f * acc[i]);
   std::uniform_int_distribution<int> px(0, width - 1), py(0, height - 1), grey(0, 255);
-  const int rects = width * height / 20000;
+  const int rects = width * height / 1500;
   for (int k = 0; k < rects; ++k) {
     const int x0 = px(rng), y0 = py(rng);
-    const int x1 = std::min(width, x0 + 8 + px(rng) % 90), y1 = std::min(height, y0 + 8 + py(rng) % 70);
+    const int x1 = std::min(width, x0 + 8 + px(rng) % 40), y1 = std::min(height, y0 + 8 + py(rng) % 30);
     const int value = grey(rng);
     for (int y = y0; y < y1; ++y) {
       for (int x = x0; x < x1; ++x) img[static_cast<size_t>(y) * width + x] = static_cast<uint8_t>(value);
