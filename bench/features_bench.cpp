@@ -6,57 +6,15 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <random>
 #include <vector>
 
 #include "common/cpu.h"
 #include "registration/corners.h"
+#include "test_util.h"
 #include "velmora/features.h"
 
 namespace velmora {
 namespace {
-
-// Smooth value noise over three octaves, with random filled rectangles on top: flat areas,
-// gentle gradients, edges and many corners, like a photograph.
-std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-  std::vector<float> acc(static_cast<size_t>(width) * height, 0.0f);
-  const int cells[] = {8, 24, 80};
-  const float weights[] = {0.5f, 0.3f, 0.2f};
-  for (int o = 0; o < 3; ++o) {
-    const int gw = width / cells[o] + 2, gh = height / cells[o] + 2;
-    std::vector<float> grid(static_cast<size_t>(gw) * gh);
-    for (float& v : grid) v = unit(rng);
-    for (int y = 0; y < height; ++y) {
-      const float fy = static_cast<float>(y) / cells[o];
-      const int y0 = static_cast<int>(fy);
-      const float ty = fy - y0;
-      for (int x = 0; x < width; ++x) {
-        const float fx = static_cast<float>(x) / cells[o];
-        const int x0 = static_cast<int>(fx);
-        const float tx = fx - x0;
-        const float* g0 = &grid[static_cast<size_t>(y0) * gw + x0];
-        const float* g1 = g0 + gw;
-        const float top = g0[0] + (g0[1] - g0[0]) * tx, bottom = g1[0] + (g1[1] - g1[0]) * tx;
-        acc[static_cast<size_t>(y) * width + x] += weights[o] * (top + (bottom - top) * ty);
-      }
-    }
-  }
-  std::vector<uint8_t> img(acc.size());
-  for (size_t i = 0; i < acc.size(); ++i) img[i] = static_cast<uint8_t>(40.0f + 170.0f * acc[i]);
-  std::uniform_int_distribution<int> px(0, width - 1), py(0, height - 1), grey(0, 255);
-  const int rects = width * height / 1500;
-  for (int k = 0; k < rects; ++k) {
-    const int x0 = px(rng), y0 = py(rng);
-    const int x1 = std::min(width, x0 + 8 + px(rng) % 40), y1 = std::min(height, y0 + 8 + py(rng) % 30);
-    const int value = grey(rng);
-    for (int y = y0; y < y1; ++y) {
-      for (int x = x0; x < x1; ++x) img[static_cast<size_t>(y) * width + x] = static_cast<uint8_t>(value);
-    }
-  }
-  return img;
-}
 
 // The detector exactly as its rule reads: every map at full size, one plain pass per step.
 void LiteralCorners(const uint8_t* img, std::vector<Pointf>& corners, int width, int height,
@@ -130,14 +88,17 @@ void LiteralCorners(const uint8_t* img, std::vector<Pointf>& corners, int width,
   for (int y = 1; y < height - 1; ++y) {
     for (int x = 1; x < width - 1; ++x) {
       const float r = response[static_cast<size_t>(y) * width + x];
-      if (r != 0 && r == dilated[static_cast<size_t>(y) * width + x]) candidates.push_back({y, x, r});
+      if (r != 0 && r == dilated[static_cast<size_t>(y) * width + x]) {
+        candidates.push_back({y, x, r});
+      }
     }
   }
   std::free(dilated);
   std::free(response);
   std::sort(candidates.begin(), candidates.end(), greaterThanPtr);
   if (minDistance <= 0) return;
-  const int gw = (width + minDistance - 1) / minDistance, gh = (height + minDistance - 1) / minDistance;
+  const int gw = (width + minDistance - 1) / minDistance;
+  const int gh = (height + minDistance - 1) / minDistance;
   std::vector<std::vector<Pointf>> grid(static_cast<size_t>(gw) * gh);
   int count = 0;
   for (const Pointd& p : candidates) {
@@ -176,12 +137,12 @@ void Finish(benchmark::State& state, int width, int height, size_t corners, cons
 void Corners(benchmark::State& state) {
   const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
   const Isa isa = static_cast<Isa>(state.range(2));
-  const std::vector<uint8_t> img = TexturedImage(width, height, 7);
+  const std::vector<uint8_t> img = testutil::TexturedImage(width, height, 7);
   std::vector<Pointf> corners;
   for (auto _ : state) {
     corners.clear();
-    DetectCorners(GradientKernelsFor(isa), CornerKernelsFor(isa), img.data(), corners, width,
-                  height, kMaxCorners, kQuality, kMinDistance, kBlockSize);
+    DetectCorners(CornerKernelsFor(isa), img.data(), corners, width, height, kMaxCorners,
+                  kQuality, kMinDistance, kBlockSize);
     benchmark::DoNotOptimize(corners.data());
   }
   Finish(state, width, height, corners.size(), IsaName(isa));
@@ -189,7 +150,7 @@ void Corners(benchmark::State& state) {
 
 void CornersLiteral(benchmark::State& state) {
   const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
-  const std::vector<uint8_t> img = TexturedImage(width, height, 7);
+  const std::vector<uint8_t> img = testutil::TexturedImage(width, height, 7);
   std::vector<Pointf> corners;
   for (auto _ : state) {
     corners.clear();

@@ -11,8 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "corners_conformance.h"
+#include "kernel_conformance.h"
 #include "registration/corners.h"
+#include "test_util.h"
 #include "velmora/features.h"
 #include "velmora/filters.h"
 
@@ -32,20 +33,7 @@ void Fill(Image& img, int w, int x0, int y0, int x1, int y1, uint8_t value) {
   for (int y = y0; y < y1; ++y) std::fill(&img[y * w + x0], &img[y * w + x1], value);
 }
 
-// Grey rectangles of random size and level over smooth shading: corners of every strength.
-Image Scene(int w, int h, uint32_t seed) {
-  std::mt19937 rng(seed);
-  Image img(static_cast<size_t>(w) * h);
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) img[y * w + x] = static_cast<uint8_t>(60 + (x * 3 + y * 2) % 80);
-  }
-  for (int k = 0; k < w * h / 300; ++k) {
-    const int x0 = rng() % w, y0 = rng() % h;
-    Fill(img, w, x0, y0, std::min(w, x0 + 3 + static_cast<int>(rng() % 30)),
-         std::min(h, y0 + 3 + static_cast<int>(rng() % 30)), static_cast<uint8_t>(rng()));
-  }
-  return img;
-}
+Image Scene(int w, int h, uint32_t seed) { return testutil::TexturedImage(w, h, seed); }
 
 int Near(const std::vector<Pointf>& corners, int x, int y, int radius) {
   return static_cast<int>(std::count_if(corners.begin(), corners.end(), [&](const Pointf& p) {
@@ -202,105 +190,70 @@ TEST(Corners, OutputIsTheGreedySpacingOfTheRulesCandidates) {
 struct CornerCase {
   int width, height;
   std::vector<int32_t> dx, dy;
-  std::vector<float> a, b;
+  std::vector<float> response, dilated;
   double scale;
   float threshold;
+  Image scene;
 };
 
-CornerCase MakeCornerCase(int w, int h, std::mt19937& rng) {
-  const size_t n = static_cast<size_t>(w) * h;
-  CornerCase c{w, h, std::vector<int32_t>(n), std::vector<int32_t>(n), RandomFloats(rng, n, 8),
-               {}, 0.0, 0.0f};
-  for (size_t i = 0; i < n; ++i) {
-    // Mostly the derivative range, sometimes any int32.
-    c.dx[i] = rng() % 8 ? static_cast<int32_t>(rng() % 2041) - 1020 : static_cast<int32_t>(rng());
-    c.dy[i] = rng() % 8 ? static_cast<int32_t>(rng() % 2041) - 1020 : static_cast<int32_t>(rng());
-  }
-  // A dilated plane equal to the response in many places, as after a real dilation.
-  c.b = c.a;
-  for (float& v : c.b) {
-    if (rng() % 3 == 0) v = RandomFloats(rng, 1, 4)[0];
-  }
-  const double scales[] = {1.0 / (3 * 4.0 * 255.0) / (3 * 4.0 * 255.0), 1e-3, INFINITY, 0.0};
-  c.scale = scales[rng() % 4];
-  c.threshold = rng() % 4 == 0 ? -1.0f : static_cast<float>(rng() % 3);
-  return c;
-}
-
-// Each pass over every row of the planes.
-struct ProductFamily {
+// Derivatives mostly in their range and sometimes any int32; scales of the usual block sizes,
+// of none (infinite) and zero; a dilated plane equal to the response in many places; a scene for
+// the whole detector, taller than the harness's rows so that the interior has some.
+struct CornerFamily {
+  static constexpr const char* kName = "Corners";
+  using Kernels = CornerKernels;
   using Case = CornerCase;
-  static Case Make(int w, int h, std::mt19937& rng) { return MakeCornerCase(w, h, rng); }
-  static std::vector<uint32_t> Run(Isa isa, const Case& c) {
-    const size_t n = c.dx.size();
-    std::vector<float> xx(n), xy(n), yy(n);
-    for (size_t at = 0; at < n; at += c.width) {
-      CornerKernelsFor(isa).product_row(c.dx.data() + at, c.dy.data() + at, c.scale,
-                                        xx.data() + at, xy.data() + at, yy.data() + at, c.width);
+  static const Kernels& For(Isa isa) { return CornerKernelsFor(isa); }
+
+  static CornerCase Make(int w, int h, uint32_t seed) {
+    std::mt19937 rng(seed);
+    const size_t n = static_cast<size_t>(w) * h;
+    CornerCase c{w, h, std::vector<int32_t>(n), std::vector<int32_t>(n),
+                 testutil::RandomFloats(n, seed, 8), {}, 0.0, 0.0f, {}};
+    for (size_t i = 0; i < n; ++i) {
+      c.dx[i] = rng() % 8 ? static_cast<int32_t>(rng() % 2041) - 1020 : static_cast<int32_t>(rng());
+      c.dy[i] = rng() % 8 ? static_cast<int32_t>(rng() % 2041) - 1020 : static_cast<int32_t>(rng());
     }
-    xx.insert(xx.end(), xy.begin(), xy.end());
-    xx.insert(xx.end(), yy.begin(), yy.end());
-    return Words(xx);
+    c.dilated = c.response;
+    const std::vector<float> other = testutil::RandomFloats(n, seed + 1, 4);
+    for (size_t i = 0; i < n; ++i) {
+      if (rng() % 3 == 0) c.dilated[i] = other[i];
+    }
+    const double s3 = 1.0 / (3 * 4.0 * 255.0), s7 = 1.0 / (7 * 4.0 * 255.0);
+    const double scales[] = {s3 * s3, s7 * s7, INFINITY, 0.0};
+    c.scale = scales[rng() % 4];
+    c.threshold = rng() % 4 == 0 ? -1.0f : static_cast<float>(rng() % 3);
+    c.scene = testutil::TexturedImage(w, h * 7, seed);
+    return c;
   }
-};
 
-// The running maximum, the cut and the peaks of each row.
-struct ResponsePassesFamily {
-  using Case = CornerCase;
-  static Case Make(int w, int h, std::mt19937& rng) { return MakeCornerCase(w, h, rng); }
-  static std::vector<uint32_t> Run(Isa isa, const Case& c) {
-    const CornerKernels& k = CornerKernelsFor(isa);
-    std::vector<float> out, cut = c.a;
-    std::vector<int32_t> xs(c.width);
-    for (int r = 0; r < c.height; ++r) {
-      const size_t at = static_cast<size_t>(r) * c.width;
+  static std::vector<uint8_t> Run(const Kernels& k, const CornerCase& c) {
+    const size_t n = c.dx.size(), w = c.width;
+    std::vector<float> xx(n), xy(n), yy(n), cut = c.response, maxima;
+    std::vector<int32_t> peaks, xs(w);
+    for (size_t at = 0; at < n; at += w) {
+      k.product_row(c.dx.data() + at, c.dy.data() + at, c.scale, xx.data() + at, xy.data() + at,
+                    yy.data() + at, c.width);
       for (float start : {0.0f, -0.0f, -INFINITY, NAN}) {
-        out.push_back(k.row_max(c.a.data() + at, c.width, start));
+        maxima.push_back(k.row_max(c.response.data() + at, c.width, start));
       }
-      const int n = k.peak_row(c.a.data() + at, c.b.data() + at, c.width, xs.data());
-      out.push_back(static_cast<float>(n));
-      for (int i = 0; i < n; ++i) out.push_back(static_cast<float>(xs[i]));
+      const int count =
+          k.peak_row(c.response.data() + at, c.dilated.data() + at, c.width, xs.data());
+      peaks.push_back(count);
+      peaks.insert(peaks.end(), xs.begin(), xs.begin() + count);
       k.cut_row(cut.data() + at, c.width, c.threshold);
     }
-    out.insert(out.end(), cut.begin(), cut.end());
-    return Words(out);
-  }
-};
-
-// The whole detector on scenes of this size, corners as words.
-struct DetectorFamily {
-  struct Case {
-    int width, height;
-    Image img;
-  };
-  static Case Make(int w, int h, std::mt19937& rng) {
-    const int hh = h * 7;  // taller scenes: the interior needs rows
-    return Case{w, hh, Scene(w, hh, static_cast<uint32_t>(rng()))};
-  }
-  static std::vector<uint32_t> Run(Isa isa, const Case& c) {
     std::vector<Pointf> corners;
-    DetectCorners(GradientKernelsFor(isa), CornerKernelsFor(isa), c.img.data(), corners, c.width,
-                  c.height, 0, 0.01, 2, 3);
-    std::vector<uint32_t> out;
-    for (const Pointf& p : corners) {
-      out.push_back(static_cast<uint32_t>(p.x));
-      out.push_back(static_cast<uint32_t>(p.y));
-    }
+    DetectCorners(k, c.scene.data(), corners, c.width, c.height * 7, 0, 0.01, 2, 3);
+    std::vector<uint8_t> out;
+    for (const auto* v : {&xx, &xy, &yy, &cut, &maxima}) AppendBytes(out, *v);
+    AppendBytes(out, peaks);
+    AppendBytes(out, corners);
     return out;
   }
 };
 
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(CornerConformance);
-class CornerConformance : public ::testing::TestWithParam<Isa> {};
-
-TEST_P(CornerConformance, Products) { ExpectMatchesScalar<ProductFamily>(GetParam()); }
-TEST_P(CornerConformance, ResponsePasses) { ExpectMatchesScalar<ResponsePassesFamily>(GetParam()); }
-TEST_P(CornerConformance, Detector) { ExpectMatchesScalar<DetectorFamily>(GetParam()); }
-
-INSTANTIATE_TEST_SUITE_P(AllIsas, CornerConformance, ::testing::ValuesIn(VectorIsas()),
-                         [](const ::testing::TestParamInfo<Isa>& info) {
-                           return IsaName(info.param);
-                         });
+TEST_P(KernelConformance, Corners) { ExpectMatchesScalar<CornerFamily>(GetParam()); }
 
 }  // namespace
 }  // namespace velmora

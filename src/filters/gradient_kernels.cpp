@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "common/dispatch.h"
+
 namespace velmora {
 
 float ArctanOf(float y, float x) {
@@ -90,18 +92,9 @@ const GradientKernels kGradient{SobelRow, MinEigenRow, DilateRow, Arctan, Magnit
 }  // namespace scalar
 
 const GradientKernels& GradientKernelsFor(Isa isa) {
-  switch (isa) {
-#if defined(VELMORA_HAVE_AVX2)
-    case Isa::kAvx2:
-      return avx2::kGradient;
-#endif
-#if defined(VELMORA_HAVE_NEON)
-    case Isa::kNeon:
-      return neon::kGradient;
-#endif
-    default:
-      return scalar::kGradient;
-  }
+  static const IsaTable<GradientKernels> t{&scalar::kGradient, VELMORA_AVX2(kGradient),
+                                           VELMORA_NEON(kGradient)};
+  return Pick(t, isa);
 }
 
 }  // namespace velmora

@@ -14,9 +14,8 @@ bool Stronger(const Pointd& a, const Pointd& b) { return a.response > b.response
 // The gradient products of image row y (zero derivatives on the border rows and columns). The
 // products of the zero border derivatives are computed like any others: with blockSize 0 the
 // scale is infinite and they are NaN, as the full-plane rule has them.
-void ProductsOfRow(const GradientKernels& g, const CornerKernels& c, const uint8_t* img, int y,
-                   int width, int height, double scale, int32_t* dx, int32_t* dy, float* dxx,
-                   float* dxy, float* dyy) {
+void ProductsOfRow(const CornerKernels& c, const uint8_t* img, int y, int width, int height,
+                   double scale, int32_t* dx, int32_t* dy, float* dxx, float* dxy, float* dyy) {
   const size_t w = static_cast<size_t>(width);
   if (y == 0 || y == height - 1) {
     std::memset(dx, 0, w * sizeof(int32_t));
@@ -24,7 +23,7 @@ void ProductsOfRow(const GradientKernels& g, const CornerKernels& c, const uint8
   } else {
     const uint8_t* row = img + w * y;
     dx[0] = dy[0] = dx[w - 1] = dy[w - 1] = 0;
-    g.sobel_row(row - w, row, row + w, dx, dy, width);
+    c.gradient->sobel_row(row - w, row, row + w, dx, dy, width);
   }
   c.product_row(dx, dy, scale, dxx, dxy, dyy, width);
 }
@@ -48,7 +47,8 @@ void Space(const std::vector<Pointd>& candidates, std::vector<Pointf>& corners, 
     for (int yy = y1; yy <= y2 && good; ++yy) {
       for (int xx = x1; xx <= x2 && good; ++xx) {
         for (const Pointf& q : grid[static_cast<size_t>(yy) * grid_w + xx]) {
-          const uint32_t ddx = static_cast<uint32_t>(p.x - q.x), ddy = static_cast<uint32_t>(p.y - q.y);
+          const uint32_t ddx = static_cast<uint32_t>(p.x - q.x);
+          const uint32_t ddy = static_cast<uint32_t>(p.y - q.y);
           if (ddx * ddx + ddy * ddy < limit) {
             good = false;
             break;
@@ -67,9 +67,9 @@ void Space(const std::vector<Pointd>& candidates, std::vector<Pointf>& corners, 
 
 }  // namespace
 
-void DetectCorners(const GradientKernels& g, const CornerKernels& c, const uint8_t* img,
-                   std::vector<Pointf>& corners, int width, int height, int maxCorners,
-                   double qualityLevel, int minDistance, int blockSize) {
+void DetectCorners(const CornerKernels& c, const uint8_t* img, std::vector<Pointf>& corners,
+                   int width, int height, int maxCorners, double qualityLevel, int minDistance,
+                   int blockSize) {
   // The spacing step is the only path to the output, a deliberate property of this detector:
   // without a positive distance nothing is appended, so nothing need be computed.
   if (minDistance <= 0) return;
@@ -100,13 +100,13 @@ void DetectCorners(const GradientKernels& g, const CornerKernels& c, const uint8
   // map scans in index order from its first entry, a border 0.
   float maximum = 0.0f;
   for (int y = 0; y < height; ++y) {
-    ProductsOfRow(g, c, img, y, width, height, scale, dx, dy, slot(y, 0), slot(y, 1), slot(y, 2));
+    ProductsOfRow(c, img, y, width, height, scale, dx, dy, slot(y, 0), slot(y, 1), slot(y, 2));
     if (y < 2) continue;
     const int r = y - 1;
     float* out = response + w * r;
     out[0] = out[w - 1] = 0.0f;
     // medblur(Dyy, Dxx, Dxy, Dyy, ...): its first argument is not read.
-    g.min_eigen_row({slot(r - 1, 0), slot(r, 0), slot(r + 1, 0)},
+    c.gradient->min_eigen_row({slot(r - 1, 0), slot(r, 0), slot(r + 1, 0)},
                     {slot(r - 1, 1), slot(r, 1), slot(r + 1, 1)},
                     {slot(r - 1, 2), slot(r, 2), slot(r + 1, 2)}, out, width);
     maximum = c.row_max(out, width, maximum);
@@ -120,7 +120,7 @@ void DetectCorners(const GradientKernels& g, const CornerKernels& c, const uint8
   for (int y = 1; y < height - 1; ++y) {
     if (y + 1 < height - 1) c.cut_row(response + w * (y + 1), width, threshold);
     const float* row = response + w * y;
-    g.dilate_row({row - w, row, row + w}, dilated, width);
+    c.gradient->dilate_row({row - w, row, row + w}, dilated, width);
     const int n = c.peak_row(row, dilated, width, xs);
     for (int i = 0; i < n; ++i) candidates.push_back(Pointd{y, xs[i], row[xs[i]]});
   }
@@ -144,7 +144,6 @@ bool greaterThanPtr(Pointd a, Pointd b) { return velmora::Stronger(a, b); }
 void goodFeaturesToTrack(unsigned char* img, std::vector<Pointf>& corners, int width, int height,
                          int maxCorners, double qualityLevel, int minDistance, int blockSize) {
   using namespace velmora;
-  const Isa isa = ActiveIsa();
-  DetectCorners(GradientKernelsFor(isa), CornerKernelsFor(isa), img, corners, width, height,
-                maxCorners, qualityLevel, minDistance, blockSize);
+  DetectCorners(CornerKernelsFor(ActiveIsa()), img, corners, width, height, maxCorners,
+                qualityLevel, minDistance, blockSize);
 }

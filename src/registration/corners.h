@@ -5,16 +5,15 @@
 #include <cstdint>
 #include <vector>
 
-#include "filters/gradient_kernels.h"
 #include "registration/corners_kernels.h"
 #include "velmora/features.h"
 
 namespace velmora {
 
 // goodFeaturesToTrack on the given kernels.
-void DetectCorners(const GradientKernels& gradient, const CornerKernels& corner,
-                   const uint8_t* img, std::vector<Pointf>& corners, int width, int height,
-                   int maxCorners, double qualityLevel, int minDistance, int blockSize);
+void DetectCorners(const CornerKernels& kernels, const uint8_t* img, std::vector<Pointf>& corners,
+                   int width, int height, int maxCorners, double qualityLevel, int minDistance,
+                   int blockSize);
 
 }  // namespace velmora
 

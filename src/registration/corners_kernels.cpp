@@ -1,5 +1,7 @@
 #include "registration/corners_kernels.h"
 
+#include "common/dispatch.h"
+
 namespace velmora {
 namespace scalar {
 
@@ -34,23 +36,14 @@ int PeakRow(const float* response, const float* dilated, int width, int32_t* xs)
   return n;
 }
 
-const CornerKernels kCorner{ProductRow, RowMax, CutRow, PeakRow};
+const CornerKernels kCorner{&kGradient, ProductRow, RowMax, CutRow, PeakRow};
 
 }  // namespace scalar
 
 const CornerKernels& CornerKernelsFor(Isa isa) {
-  switch (isa) {
-#if defined(VELMORA_HAVE_AVX2)
-    case Isa::kAvx2:
-      return avx2::kCorner;
-#endif
-#if defined(VELMORA_HAVE_NEON)
-    case Isa::kNeon:
-      return neon::kCorner;
-#endif
-    default:
-      return scalar::kCorner;
-  }
+  static const IsaTable<CornerKernels> t{&scalar::kCorner, VELMORA_AVX2(kCorner),
+                                         VELMORA_NEON(kCorner)};
+  return Pick(t, isa);
 }
 
 }  // namespace velmora

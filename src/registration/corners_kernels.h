@@ -1,12 +1,14 @@
-// Row kernels of the corner detector's own passes (the derivative, response and dilation rows
-// come from filters/gradient_kernels.h). The scalar functions are the definitions; the ISA
-// variants give bit-identical results and finish their rows with the scalar rule.
+// Row kernels of the corner detector: its own passes, and (through the table) the derivative,
+// response and dilation rows of filters/gradient_kernels.h. The scalar functions are the
+// definitions; the ISA variants give bit-identical results and finish their rows with the scalar
+// rule.
 #ifndef VELMORA_REGISTRATION_CORNERS_KERNELS_H
 #define VELMORA_REGISTRATION_CORNERS_KERNELS_H
 
 #include <cstdint>
 
 #include "common/cpu.h"
+#include "filters/gradient_kernels.h"
 
 namespace velmora {
 
@@ -26,7 +28,10 @@ using CutRowFn = void (*)(float* row, int width, float threshold);
 // equals its dilated value exactly; returns how many. xs needs room for width entries.
 using PeakRowFn = int (*)(const float* response, const float* dilated, int width, int32_t* xs);
 
+// The detector's rows of one ISA, with the gradient rows of the same ISA that it runs on
+// (derivatives, response, dilation).
 struct CornerKernels {
+  const GradientKernels* gradient;
   ProductRowFn product_row;
   RowMaxFn row_max;
   CutRowFn cut_row;

@@ -74,8 +74,8 @@ int PeakRow(const float* response, const float* dilated, int width, int32_t* xs)
   int n = 0;
   for (int x = 1; x < 1 + body; x += 8) {
     const __m256 r = _mm256_loadu_ps(response + x);
-    const __m256 peak = _mm256_andnot_ps(_mm256_cmp_ps(r, zero, _CMP_EQ_OQ),
-                                         _mm256_cmp_ps(r, _mm256_loadu_ps(dilated + x), _CMP_EQ_OQ));
+    const __m256 same = _mm256_cmp_ps(r, _mm256_loadu_ps(dilated + x), _CMP_EQ_OQ);
+    const __m256 peak = _mm256_andnot_ps(_mm256_cmp_ps(r, zero, _CMP_EQ_OQ), same);
     for (unsigned bits = static_cast<unsigned>(_mm256_movemask_ps(peak)); bits != 0;
          bits &= bits - 1) {
       xs[n++] = x + __builtin_ctz(bits);
@@ -89,7 +89,7 @@ int PeakRow(const float* response, const float* dilated, int width, int32_t* xs)
   return n;
 }
 
-const CornerKernels kCorner{ProductRow, RowMax, CutRow, PeakRow};
+const CornerKernels kCorner{&kGradient, ProductRow, RowMax, CutRow, PeakRow};
 
 }  // namespace avx2
 }  // namespace velmora

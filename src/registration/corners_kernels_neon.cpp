@@ -88,7 +88,7 @@ int PeakRow(const float* response, const float* dilated, int width, int32_t* xs)
   return n;
 }
 
-const CornerKernels kCorner{ProductRow, RowMax, CutRow, PeakRow};
+const CornerKernels kCorner{&kGradient, ProductRow, RowMax, CutRow, PeakRow};
 
 }  // namespace neon
 }  // namespace velmora
