@@ -160,19 +160,19 @@ TEST(Dilate, RunsItsOrderWithAStrictComparison) {
 
 using testutil::RandomFloats;
 
-// Each row kernel runs over every interior row of planes that start from a fixed fill.
-struct PlaneCase {
-  int width, height;
-  std::vector<uint8_t> bytes;
-  std::vector<float> a, b, c;
-};
-
-struct GradientFamilyBase {
+// Bytes with the extremes over-represented and floats mostly ordinary (so that the nine-term
+// sums are not all NaN). Each row kernel runs over every interior row of planes that start from
+// a fixed fill; the element kernels over whole arrays, apart and in place over either input.
+struct GradientFamily {
+  static constexpr const char* kName = "Gradient";
   using Kernels = GradientKernels;
-  using Case = PlaneCase;
   static const Kernels& For(Isa isa) { return GradientKernelsFor(isa); }
-  // Bytes with the extremes over-represented; floats mostly ordinary, so that the nine-term
-  // sums are not all NaN.
+  struct Case {
+    int width, height;
+    std::vector<uint8_t> bytes;
+    std::vector<float> a, b, c;
+  };
+
   static Case Make(int w, int h, uint32_t seed) {
     const size_t n = static_cast<size_t>(w) * h;
     std::mt19937 rng(seed);
@@ -181,77 +181,38 @@ struct GradientFamilyBase {
     for (uint8_t& v : c.bytes) v = static_cast<uint8_t>(rng() % 4 == 0 ? 255 * (rng() % 2) : rng());
     return c;
   }
-};
 
-struct SobelFamily : GradientFamilyBase {
-  static constexpr const char* kName = "Sobel";
   static std::vector<uint8_t> Run(const Kernels& k, const Case& c) {
-    const size_t w = c.width;
-    std::vector<int32_t> gx(w * c.height, 0x5A5A), gy(w * c.height, 0x5A5A);
+    const size_t w = c.width, n = w * c.height;
+    std::vector<int32_t> gx(n, 0x5A5A), gy(n, 0x5A5A);
+    std::vector<float> eigen(n, 77.0f), dilated(n, 77.0f);
     for (int r = 1; r + 1 < c.height; ++r) {
-      const uint8_t* row = c.bytes.data() + w * r;
-      k.sobel_row(row - w, row, row + w, gx.data() + w * r, gy.data() + w * r, c.width);
+      const size_t at = w * r;
+      const uint8_t* row = c.bytes.data() + at;
+      k.sobel_row(row - w, row, row + w, gx.data() + at, gy.data() + at, c.width);
+      const float *a = c.a.data() + at, *b = c.b.data() + at, *d = c.c.data() + at;
+      k.min_eigen_row({a - w, a, a + w}, {b - w, b, b + w}, {d - w, d, d + w}, eigen.data() + at,
+                      c.width);
+      k.dilate_row({a - w, a, a + w}, dilated.data() + at, c.width);
     }
+    const int count = static_cast<int>(n);
+    std::vector<float> angle(n), first = c.a, second = c.b, length(n), in_place = c.a;
+    k.arctan(c.a.data(), c.b.data(), angle.data(), count);
+    k.arctan(first.data(), c.b.data(), first.data(), count);
+    k.arctan(c.a.data(), second.data(), second.data(), count);
+    k.magnitude(c.a.data(), c.b.data(), length.data(), count);
+    k.magnitude(in_place.data(), c.b.data(), in_place.data(), count);
     std::vector<uint8_t> out;
     AppendBytes(out, gx);
     AppendBytes(out, gy);
+    for (const auto* v : {&eigen, &dilated, &angle, &first, &second, &length, &in_place}) {
+      AppendBytes(out, *v);
+    }
     return out;
   }
 };
 
-struct MinEigenFamily : GradientFamilyBase {
-  static constexpr const char* kName = "MinEigen";
-  static std::vector<uint8_t> Run(const Kernels& k, const Case& c) {
-    const size_t w = c.width;
-    std::vector<float> out(w * c.height, 77.0f);
-    for (int r = 1; r + 1 < c.height; ++r) {
-      const size_t at = w * r;
-      const float *a = c.a.data() + at, *b = c.b.data() + at, *d = c.c.data() + at;
-      k.min_eigen_row({a - w, a, a + w}, {b - w, b, b + w}, {d - w, d, d + w}, out.data() + at,
-                      c.width);
-    }
-    std::vector<uint8_t> bytes;
-    AppendBytes(bytes, out);
-    return bytes;
-  }
-};
-
-struct DilateFamily : GradientFamilyBase {
-  static constexpr const char* kName = "Dilate";
-  static std::vector<uint8_t> Run(const Kernels& k, const Case& c) {
-    const size_t w = c.width;
-    std::vector<float> out(w * c.height, 77.0f);
-    for (int r = 1; r + 1 < c.height; ++r) {
-      const float* s = c.a.data() + w * r;
-      k.dilate_row({s - w, s, s + w}, out.data() + w * r, c.width);
-    }
-    std::vector<uint8_t> bytes;
-    AppendBytes(bytes, out);
-    return bytes;
-  }
-};
-
-// Arrays of width x height elements, apart and in place over either input.
-struct ElementFamily : GradientFamilyBase {
-  static constexpr const char* kName = "ArctanMagnitude";
-  static std::vector<uint8_t> Run(const Kernels& k, const Case& c) {
-    const int n = static_cast<int>(c.a.size());
-    std::vector<float> angle(n), first = c.a, second = c.b, length(n), in_place = c.a;
-    k.arctan(c.a.data(), c.b.data(), angle.data(), n);
-    k.arctan(first.data(), c.b.data(), first.data(), n);
-    k.arctan(c.a.data(), second.data(), second.data(), n);
-    k.magnitude(c.a.data(), c.b.data(), length.data(), n);
-    k.magnitude(in_place.data(), c.b.data(), in_place.data(), n);
-    std::vector<uint8_t> bytes;
-    for (const auto* v : {&angle, &first, &second, &length, &in_place}) AppendBytes(bytes, *v);
-    return bytes;
-  }
-};
-
-TEST_P(KernelConformance, Sobel) { ExpectMatchesScalar<SobelFamily>(GetParam()); }
-TEST_P(KernelConformance, MinEigen) { ExpectMatchesScalar<MinEigenFamily>(GetParam()); }
-TEST_P(KernelConformance, Dilate) { ExpectMatchesScalar<DilateFamily>(GetParam()); }
-TEST_P(KernelConformance, ArctanMagnitude) { ExpectMatchesScalar<ElementFamily>(GetParam()); }
+TEST_P(KernelConformance, Gradient) { ExpectMatchesScalar<GradientFamily>(GetParam()); }
 
 }  // namespace
 }  // namespace velmora

@@ -11,9 +11,9 @@ namespace {
 
 bool Stronger(const Pointd& a, const Pointd& b) { return a.response > b.response; }
 
-// The gradient products of image row y (zero derivatives on the border rows and columns). The
-// products of the zero border derivatives are computed like any others: with blockSize 0 the
-// scale is infinite and they are NaN, as the full-plane rule has them.
+// The gradient products of image row y. The derivatives of the border rows and columns are fixed
+// at 0, never computed from the image. Their products are formed like any others: with
+// blockSize 0 the scale is infinite and they are NaN.
 void ProductsOfRow(const CornerKernels& c, const uint8_t* img, int y, int width, int height,
                    double scale, int32_t* dx, int32_t* dy, float* dxx, float* dxy, float* dyy) {
   const size_t w = static_cast<size_t>(width);
