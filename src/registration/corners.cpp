@@ -107,8 +107,8 @@ void DetectCorners(const CornerKernels& c, const uint8_t* img, std::vector<Point
     out[0] = out[w - 1] = 0.0f;
     // medblur(Dyy, Dxx, Dxy, Dyy, ...): its first argument is not read.
     c.gradient->min_eigen_row({slot(r - 1, 0), slot(r, 0), slot(r + 1, 0)},
-                    {slot(r - 1, 1), slot(r, 1), slot(r + 1, 1)},
-                    {slot(r - 1, 2), slot(r, 2), slot(r + 1, 2)}, out, width);
+                              {slot(r - 1, 1), slot(r, 1), slot(r + 1, 1)},
+                              {slot(r - 1, 2), slot(r, 2), slot(r + 1, 2)}, out, width);
     maximum = c.row_max(out, width, maximum);
   }
 
