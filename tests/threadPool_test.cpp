@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <regex>
+#include <thread>
 #include <vector>
 
 #include "test_util.h"
@@ -160,6 +161,39 @@ TEST_F(ThreadPoolTest, ShutdownOfAStoppedPoolLogsOnlyItsFirstAndLastStep) {
             (std::vector<std::string>{
                 "[INFO][ threadPool.cpp ] N  shutdown() threadpoll ==> shutdown begin",
                 "[INFO][ threadPool.cpp ] N  shutdown() threadpoll ==> shutdown ok"}));
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ThreadPoolTest, AStopLeftWithPendingJobsDoesNotHangTheNextWait) {
+  // Two quick jobs, each waited for without the semaphore, leave two stale posts. They let both
+  // waits of the stop sequence return while a held job runs, so shutdown ends with a queued job
+  // still counted as pending; a later wait must not block on the destroyed semaphore.
+  pool_->startup(1);
+  for (int i = 0; i < 2; ++i) {
+    std::atomic<bool> ran{false};
+    pool_->submit({[](void* p) { static_cast<std::atomic<bool>*>(p)->store(true); }, &ran});
+    while (!ran.load()) std::this_thread::yield();
+    while (pool_->pendingJobs() != 0) std::this_thread::yield();
+  }
+  Gate gate;
+  pool_->submit({&Gate::Job, &gate});
+  gate.WaitEntered();
+  Recorder recorder;
+  RecordJob queued{&recorder, 1};
+  Submit(queued);
+  pool_->forceEnd();
+  pool_->waitForAllJobDone();
+  std::thread opener([&] {
+    testutil::WaitForLogText("shutdown 222");  // running is cleared: the worker exits after this job
+    gate.Open();
+  });
+  pool_->shutdown();
+  opener.join();
+  pool_->waitForAllJobDone();
+  EXPECT_TRUE(recorder.order.empty());
 }
 
 }  // namespace

@@ -89,6 +89,11 @@ void ThreadPool::submit(const pool_worker_job_t& job) {
 
 void ThreadPool::waitForAllJobDone() {
   if (pending_ == 0) return;
+  // A stopped pool has no worker left to post, and its semaphore is destroyed: a stale post can
+  // have let shutdown finish with jobs still counted as pending, and waiting then would block
+  // forever (a second stop_process, say). Nothing can finish any more, so there is nothing to
+  // wait for.
+  if (!running_) return;
   // The semaphore counts transitions of pending to 0, not jobs: a post left from an earlier
   // transition lets this return while jobs are still pending. That is the pool's behaviour.
   sem_wait(&all_done_);

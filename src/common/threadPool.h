@@ -39,6 +39,7 @@ class VELMORA_EXPORT ThreadPool {
   void waitForAllJobDone();
   void forceEnd();
   void shutdown();
+  int pendingJobs() const { return pending_; }  // submitted and not yet finished or dropped
 
   ~ThreadPool();
   ThreadPool(const ThreadPool&) = delete;
