@@ -18,7 +18,7 @@ void Store(uint8_t* p, __m256i v) { _mm256_storeu_si256(reinterpret_cast<__m256i
 // Eight bytes from p as floats.
 __m256 BytesToFloat(__m128i bytes) { return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(bytes)); }
 
-// Four groups of eight values in 0..255 (after the clamp) as 32 bytes in index order.
+// Four groups of eight int32 as 32 bytes in index order, each saturated to 0..255 by the packs.
 __m256i Narrow(const __m256i in[4]) {
   const __m256i words =
       _mm256_packus_epi16(_mm256_packus_epi32(in[0], in[1]), _mm256_packus_epi32(in[2], in[3]));
@@ -26,11 +26,11 @@ __m256i Narrow(const __m256i in[4]) {
   return _mm256_permutevar8x32_epi32(words, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
 }
 
-// Not >= 0 gives 0 (max_ps returns its second operand for a NaN), then at most 255, truncated.
-__m256i ClampTruncate(__m256 v) {
-  const __m256 clamped = _mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), _mm256_set1_ps(255.0f));
-  return _mm256_cvttps_epi32(clamped);
-}
+// The definition clamps to 0..255 in float and then truncates. Truncating first and saturating
+// the integer to 0..255 gives the same byte (values in (-1, 0) and (255, 256) truncate to the
+// bound anyway), and the results stay far inside int32 (|v| < 500), so the saturating packs of
+// Narrow do the clamp.
+__m256i Truncate(__m256 v) { return _mm256_cvttps_epi32(v); }
 
 // Values of eight pairs spread over their sixteen pixels: [a0 a0 a1 a1 a2 a2 a3 a3], [a4 .. a7 a7].
 void Spread(__m256 a, __m256 out[2]) {
@@ -76,9 +76,9 @@ void Row(const uint8_t* y, const uint8_t* uv, uint8_t* r, uint8_t* g, uint8_t* b
     for (int k = 0; k < 4; ++k) {
       const __m256 yf = BytesToFloat(groups[k]);
       // Addition commutes exactly, so rv + y is the definition's V' * c + Y.
-      ri[k] = ClampTruncate(_mm256_add_ps(rv[k], yf));
-      gi[k] = ClampTruncate(_mm256_add_ps(_mm256_add_ps(yf, gu[k]), gv[k]));
-      bi[k] = ClampTruncate(_mm256_add_ps(bu[k], yf));
+      ri[k] = Truncate(_mm256_add_ps(rv[k], yf));
+      gi[k] = Truncate(_mm256_add_ps(_mm256_add_ps(yf, gu[k]), gv[k]));
+      bi[k] = Truncate(_mm256_add_ps(bu[k], yf));
     }
     Store(r + x, Narrow(ri));
     Store(g + x, Narrow(gi));

@@ -19,15 +19,16 @@ void BytesToFloat(uint8x8_t bytes, float32x4_t out[2]) {
   out[1] = vcvtq_f32_u32(vmovl_u16(vget_high_u16(wide)));
 }
 
-// Not >= 0 gives 0, then at most 255 (no NaN can arise from bytes), truncated toward zero.
-uint32x4_t ClampTruncate(float32x4_t v) {
-  return vcvtq_u32_f32(vminq_f32(vmaxq_f32(v, vdupq_n_f32(0.0f)), vdupq_n_f32(255.0f)));
-}
+// The definition clamps to 0..255 in float and then truncates. Truncating first and saturating
+// the integer to 0..255 gives the same byte (values in (-1, 0) and (255, 256) truncate to the
+// bound anyway), and the results stay far inside int32 (|v| < 500), so the saturating narrows
+// of Narrow do the clamp.
+int32x4_t Truncate(float32x4_t v) { return vcvtq_s32_f32(v); }
 
-uint8x16_t Narrow(const uint32x4_t in[4]) {
-  const uint16x8_t lo = vcombine_u16(vmovn_u32(in[0]), vmovn_u32(in[1]));
-  const uint16x8_t hi = vcombine_u16(vmovn_u32(in[2]), vmovn_u32(in[3]));
-  return vcombine_u8(vmovn_u16(lo), vmovn_u16(hi));
+uint8x16_t Narrow(const int32x4_t in[4]) {
+  const uint16x8_t lo = vcombine_u16(vqmovun_s32(in[0]), vqmovun_s32(in[1]));
+  const uint16x8_t hi = vcombine_u16(vqmovun_s32(in[2]), vqmovun_s32(in[3]));
+  return vcombine_u8(vqmovn_u16(lo), vqmovn_u16(hi));
 }
 
 // Four pair values over their eight pixels: [a0 a0 a1 a1], [a2 a2 a3 a3].
@@ -58,12 +59,12 @@ void Row(const uint8_t* y, const uint8_t* uv, uint8_t* r, uint8_t* g, uint8_t* b
     float32x4_t yf[4];
     BytesToFloat(vget_low_u8(luma), yf);
     BytesToFloat(vget_high_u8(luma), yf + 2);
-    uint32x4_t ri[4], gi[4], bi[4];
+    int32x4_t ri[4], gi[4], bi[4];
     for (int k = 0; k < 4; ++k) {
       // Addition commutes exactly, so rv + y is the definition's V' * c + Y.
-      ri[k] = ClampTruncate(vaddq_f32(rv[k], yf[k]));
-      gi[k] = ClampTruncate(vaddq_f32(vaddq_f32(yf[k], gu[k]), gv[k]));
-      bi[k] = ClampTruncate(vaddq_f32(bu[k], yf[k]));
+      ri[k] = Truncate(vaddq_f32(rv[k], yf[k]));
+      gi[k] = Truncate(vaddq_f32(vaddq_f32(yf[k], gu[k]), gv[k]));
+      bi[k] = Truncate(vaddq_f32(bu[k], yf[k]));
     }
     vst1q_u8(r + x, Narrow(ri));
     vst1q_u8(g + x, Narrow(gi));
