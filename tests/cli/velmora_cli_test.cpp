@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "velmora/filters.h"
+#include "velmora/yuv.h"
 
 namespace {
 
@@ -185,6 +186,27 @@ bool ReadPng(const std::string& path, Png* png) {
   return ok;
 }
 
+bool WritePng(const std::string& path, uint32_t width, uint32_t height,
+              const std::vector<uint8_t>& rgb) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  image.width = width;
+  image.height = height;
+  image.format = PNG_FORMAT_RGB;
+  return png_image_write_to_file(&image, path.c_str(), 0, rgb.data(), 0, nullptr) != 0;
+}
+
+// A frame as packed RGB by the library's conversion.
+std::vector<uint8_t> LibraryRgb(std::vector<uint8_t> frame, int width, int height, bool nv12) {
+  const size_t n = size_t(width) * height;
+  std::vector<uint8_t> planes(3 * n), rgb(3 * n);
+  (nv12 ? NV12toRGBA8888 : NV21toRGBA8888)(frame.data(), frame.data() + n, &planes[0],
+                                           &planes[n], &planes[2 * n], width, height, 0, 0);
+  for (size_t i = 0; i < n; ++i)
+    for (size_t c = 0; c < 3; ++c) rgb[3 * i + c] = planes[c * n + i];
+  return rgb;
+}
+
 size_t CountLines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
 
 TEST(VelmoraLongexp, RawOutputEqualsAnIndependentRunningMean) {
@@ -254,10 +276,11 @@ TEST(VelmoraLongexp, PngOutputDecodesToTheFrameColours) {
     uint8_t r, g, b;
   };
   const Case cases[] = {
+      // The library's conversion, worked by hand: truncated, clamped.
       {"nv12", 128, 128, 128, 128, 128, 128},  // grey
-      {"nv12", 76, 85, 255, 254, 0, 0},        // red: U 85, V 255
-      {"nv21", 76, 255, 85, 254, 0, 0},        // the same red stored V first
-      {"nv12", 150, 44, 21, 0, 255, 1},        // green, clamped at both ends
+      {"nv12", 76, 85, 255, 250, 1, 1},        // red: U 85, V 255 (250.08, 1.87, 1.50)
+      {"nv21", 76, 255, 85, 250, 1, 1},        // the same red stored V first
+      {"nv12", 150, 44, 0, 0, 255, 4},         // green, clamped at both ends (-25.4, 267.7)
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.format) + " Y=" + std::to_string(c.y));
@@ -283,6 +306,84 @@ TEST(VelmoraLongexp, PngOutputDecodesToTheFrameColours) {
   }
 }
 
+TEST(VelmoraConvert, RawFramesBecomeNumberedPngsOfTheLibrarysColours) {
+  TempDir dir;
+  std::mt19937 random(17);
+  std::vector<std::vector<uint8_t>> frames;
+  for (int i = 0; i < 3; ++i) frames.push_back(RandomFrame(16, 8, &random));
+  std::vector<uint8_t> two = frames[0];
+  two.insert(two.end(), frames[1].begin(), frames[1].end());
+  WriteFile(dir / "two.yuv", two);
+  WriteFile(dir / "one.yuv", frames[2]);
+
+  for (const char* format : {"nv12", "nv21"}) {
+    for (const bool scaled : {false, true}) {
+      SCOPED_TRACE(std::string(format) + (scaled ? " scaled to 8x6" : ""));
+      std::vector<std::string> args = {"convert", "--size", "16x8", "--format", format,
+                                       "two.yuv", "one.yuv", "-o", "f%02d.png"};
+      if (scaled) args.insert(args.end(), {"--scale", "8x6"});
+      const RunResult run = RunTool(args, dir.path());
+      ASSERT_EQ(run.exit_code, 0) << run.err;
+      EXPECT_EQ(run.out + run.err, "");
+      for (int n = 0; n < 3; ++n) {
+        std::vector<uint8_t> frame = frames[n];
+        if (scaled) {
+          std::vector<uint8_t> small(FrameBytes(8, 6));
+          NV12Linear(frame.data(), small.data(), 16, 8, 8, 6);
+          frame = small;
+        }
+        Png png;
+        const std::string name = "f0" + std::to_string(n + 1) + ".png";
+        ASSERT_TRUE(ReadPng(dir / name, &png)) << name;
+        EXPECT_EQ(png.width, scaled ? 8u : 16u);
+        EXPECT_TRUE(png.rgb == LibraryRgb(frame, png.width, png.height, format[3] == '2')) << name;
+        fs::remove(dir / name);
+      }
+      EXPECT_EQ(dir.list(), (std::vector<std::string>{"one.yuv", "two.yuv"}));
+    }
+  }
+}
+
+TEST(VelmoraConvert, PngImagesBecomeRawFramesBackToBackInTheOutputsOrder) {
+  TempDir dir;
+  // 4x2: a grey block beside a red/black block, then a flat grey image.
+  const std::vector<uint8_t> mixed = {77, 77, 77, 77, 77, 77, 255, 0, 0, 0, 0, 0,
+                                      77, 77, 77, 77, 77, 77, 255, 0, 0, 0, 0, 0};
+  ASSERT_TRUE(WritePng(dir / "a.png", 4, 2, mixed));
+  ASSERT_TRUE(WritePng(dir / "b.png", 4, 2, std::vector<uint8_t>(24, 128)));
+  ASSERT_TRUE(WritePng(dir / "c.png", 8, 4, std::vector<uint8_t>(96, 128)));
+  // Luma rows, then one row of pairs; the red/black pair is (U 106, V 193).
+  const std::vector<uint8_t> nv12 = {77, 77, 76, 0, 77, 77, 76, 0, 128, 128, 106, 193,
+                                     128, 128, 128, 128, 128, 128, 128, 128, 128, 128, 128, 128};
+  std::vector<uint8_t> nv21 = nv12;
+  std::swap(nv21[10], nv21[11]);
+  struct Case {
+    std::vector<std::string> extra;
+    const char* output;
+    const std::vector<uint8_t>* want;
+  };
+  const Case cases[] = {
+      {{}, "out.nv12", &nv12},
+      {{}, "out.nv21", &nv21},
+      {{}, "out.yuv", &nv12},
+      {{"--format", "nv21"}, "out.yuv", &nv21},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.output);
+    std::vector<std::string> args = {"convert", "a.png", "b.png", "-o", c.output};
+    args.insert(args.end(), c.extra.begin(), c.extra.end());
+    const RunResult run = RunTool(args, dir.path());
+    ASSERT_EQ(run.exit_code, 0) << run.err;
+    EXPECT_EQ(run.out + run.err, "");
+    EXPECT_TRUE(ReadFile(dir / c.output) == *c.want);
+  }
+  // Images of different sizes need --scale; grey stays grey at any size.
+  const RunResult run =
+      RunTool({"convert", "b.png", "c.png", "--scale", "2x2", "-o", "small.nv12"}, dir.path());
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_TRUE(ReadFile(dir / "small.nv12") == std::vector<uint8_t>(12, 128));
+}
+
 TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
   TempDir dir;
   const std::vector<uint8_t> frame(FrameBytes(64, 48), 100);
@@ -291,6 +392,9 @@ TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
   WriteFile(dir / "empty.yuv", {});
   WriteFile(dir / "keep.png", {'o', 'l', 'd'});
   fs::create_directory(dir / "subdir");
+  ASSERT_TRUE(WritePng(dir / "img.png", 4, 2, std::vector<uint8_t>(24, 9)));
+  ASSERT_TRUE(WritePng(dir / "wide.png", 6, 2, std::vector<uint8_t>(36, 9)));
+  ASSERT_TRUE(WritePng(dir / "odd.png", 3, 2, std::vector<uint8_t>(18, 9)));
 
   struct Case {
     std::vector<std::string> args;
@@ -332,6 +436,23 @@ TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
       // A bad input leaves an existing output file as it was.
       {{"longexp", "--size", "64x48", "good.yuv", "short.yuv", "-o", "keep.png"},
        "short.yuv: size 1000"},
+      {{"convert", "--size", "64x48", "good.yuv", "good.yuv", "-o", "out.png"},
+       "2 frames need a numbered output name"},
+      {{"convert", "good.yuv", "-o", "out.png"}, "missing --size"},
+      {{"convert", "--size", "64x48", "good.yuv", "-o", "out.nv12"}, "raw frames convert to PNG"},
+      {{"convert", "--size", "64x48", "good.yuv", "-o", "f%s.png"}, "one frame number"},
+      {{"convert", "--size", "64x48", "--scale", "3x3", "good.yuv", "-o", "out.png"},
+       "--scale '3x3': width and height must be even"},
+      {{"convert", "--size", "64x48", "short.yuv", "-o", "f%d.png"}, "short.yuv: size 1000"},
+      {{"convert", "img.png", "-o", "out.png"}, "PNG input converts to raw frames"},
+      {{"convert", "img.png", "good.yuv", "-o", "out.nv12"}, "inputs mix PNG images and raw"},
+      {{"convert", "img.png", "odd.png", "-o", "out.nv12"}, "odd.png: 3x2: NV12/NV21 needs even"},
+      {{"convert", "img.png", "wide.png", "-o", "out.nv12"},
+       "wide.png: 6x2 differs from the first image's 4x2"},
+      {{"convert", "img.png", "keep.png", "-o", "out.nv12"}, "keep.png: cannot read PNG"},
+      {{"convert", "--size", "4x2", "img.png", "-o", "out.nv12"}, "--size is for raw input"},
+      {{"convert", "--format", "nv21", "img.png", "-o", "out.nv12"}, "contradicts"},
+      {{"convert", "-o", "out.nv12"}, "no input files"},
       {{"demo", "good.yuv"}, "demo takes no input files"},
       {{"demo", "-o", "demo.gif"}, "demo.gif: unknown output extension"},
       {{"demo", "-o", "nowhere/demo.png"}, "nowhere/demo.png: cannot create"},
@@ -381,6 +502,7 @@ TEST(VelmoraCli, HelpAndVersionGoToStandardOutput) {
       {{"longexp", "--help"}, "usage: velmora longexp --size WxH"},
       {{"longexp", "--size", "bad", "-h"}, "usage: velmora longexp"},
       {{"demo", "--help"}, "usage: velmora demo"},
+      {{"convert", "--help"}, "usage: velmora convert"},
       {{"--version"}, "velmora 0.1.0 (library Velmora_Verion_0.1.0)"},
   };
   for (const Case& c : cases) {
