@@ -9,6 +9,7 @@
 
 #include "common/cpu.h"
 #include "filters/yuv_convert_kernels.h"
+#include "filters/yuv_scale_kernels.h"
 #include "velmora/yuv.h"
 
 namespace velmora {
@@ -60,33 +61,47 @@ void Nv12ToRgbStream(benchmark::State& state) {
 }
 BENCHMARK(Nv12ToRgbStream)->Unit(benchmark::kMicrosecond);
 
-// Scaling 1920x1080 down to range(0) x range(1); range(2) 0: NV12Linear, 1: NV12AvgScaling,
-// 2: the streaming pass over the same bytes.
-void Scale(benchmark::State& state) {
+// Scaling 1920x1080 down to range(0) x range(1) with NV12Linear on the rows of ISA range(2).
+void Nv12Linear(benchmark::State& state) {
   const int dw = static_cast<int>(state.range(0)), dh = static_cast<int>(state.range(1));
-  const int which = static_cast<int>(state.range(2));
+  const Isa isa = static_cast<Isa>(state.range(2));
+  if (!IsaAvailable(isa)) return state.SkipWithError("not available here");
+  const std::vector<uint8_t> src = RandomFrame(kLuma * 3 / 2);
+  std::vector<uint8_t> dst(size_t(dw) * dh * 3 / 2);
+  const YuvScaleKernels& kernels = YuvScaleKernelsFor(isa);
+  for (auto _ : state) {
+    ResampleNv12(kernels, src.data(), dst.data(), kWidth, kHeight, dw, dh, true);
+    benchmark::ClobberMemory();
+  }
+  state.SetLabel(IsaName(isa));
+  state.SetBytesProcessed(state.iterations() * int64_t(src.size() + dst.size()));
+}
+BENCHMARK(Nv12Linear)->Args({1280, 720, 0})->Args({1280, 720, 1})->Unit(benchmark::kMicrosecond);
+
+void Nv12AvgScaling(benchmark::State& state) {
+  const int dw = static_cast<int>(state.range(0)), dh = static_cast<int>(state.range(1));
   std::vector<uint8_t> src = RandomFrame(kLuma * 3 / 2);
   std::vector<uint8_t> dst(size_t(dw) * dh * 3 / 2);
   for (auto _ : state) {
-    if (which == 0) {
-      NV12Linear(src.data(), dst.data(), kWidth, kHeight, dw, dh);
-    } else if (which == 1) {
-      NV12AvgScaling(src.data(), dst.data(), kWidth, kHeight, dw, dh);
-    } else {
-      StreamPass(src.data(), src.size(), dst.data(), dst.size());
-    }
+    NV12AvgScaling(src.data(), dst.data(), kWidth, kHeight, dw, dh);
     benchmark::ClobberMemory();
   }
-  static const char* const kNames[] = {"NV12Linear", "NV12AvgScaling", "stream"};
-  state.SetLabel(kNames[which]);
   state.SetBytesProcessed(state.iterations() * int64_t(src.size() + dst.size()));
 }
-BENCHMARK(Scale)
-    ->Args({1280, 720, 0})
-    ->Args({1280, 720, 2})
-    ->Args({960, 540, 1})
-    ->Args({960, 540, 2})
-    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(Nv12AvgScaling)->Args({960, 540})->Unit(benchmark::kMicrosecond);
+
+// The streaming pass over a whole source frame and a destination frame of range(0) x range(1).
+void ScaleStream(benchmark::State& state) {
+  const size_t dst_bytes = size_t(state.range(0)) * state.range(1) * 3 / 2;
+  const std::vector<uint8_t> src = RandomFrame(kLuma * 3 / 2);
+  std::vector<uint8_t> dst(dst_bytes);
+  for (auto _ : state) {
+    StreamPass(src.data(), src.size(), dst.data(), dst.size());
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * int64_t(src.size() + dst.size()));
+}
+BENCHMARK(ScaleStream)->Args({1280, 720})->Args({960, 540})->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 }  // namespace velmora

@@ -15,6 +15,7 @@
 
 #include "common/cpu.h"
 #include "filters/yuv_convert_kernels.h"
+#include "filters/yuv_scale_kernels.h"
 #include "test_util.h"
 #include "velmora/yuv.h"
 
@@ -205,6 +206,41 @@ TEST(NV12Linear, OddDestinationWidthKeepsTheShortChromaStride) {
   NV12Linear(src.data(), dst.data(), 6, 4, 3, 4);
   const Bytes want = {0, 100, 10, 110, 12, 112, kUntouched, kUntouched, kUntouched, kUntouched};
   EXPECT_TRUE(Bytes(dst.begin() + 12, dst.end()) == want);
+}
+
+// The vector rows against the scalar ones over shrinking and growing sizes, odd ones included.
+// Even sources end flush against their allocation (the luma-only pass: at the luma), so a
+// gather reaching past what the rule reads fails under ASan; odd ones read past a whole frame
+// by the rule itself and get a little room.
+TEST(NV12Linear, VectorRowsMatchTheScalarDefinition) {
+  using velmora::Isa;
+  const std::pair<int, int> sizes[] = {{1, 1},  {2, 2},   {3, 5},   {7, 3},    {8, 8},
+                                       {16, 6}, {33, 9},  {40, 4},  {64, 48},  {100, 30},
+                                       {641, 7}, {1920, 4}, {1280, 2}};
+  const velmora::YuvScaleKernels& plain = velmora::YuvScaleKernelsFor(Isa::kScalar);
+  for (const Isa isa : velmora::AvailableIsas()) {
+    const velmora::YuvScaleKernels& fast = velmora::YuvScaleKernelsFor(isa);
+    if (&fast == &plain) continue;
+    uint32_t seed = 100;
+    for (const auto& [sw, sh] : sizes) {
+      for (const auto& [dw, dh] : sizes) {
+        for (const bool chroma : {true, false}) {
+          const bool even = sw % 2 == 0 && sh % 2 == 0;
+          const size_t luma = size_t(sw) * sh;
+          const size_t src_bytes = !chroma ? luma
+                                   : even  ? luma * 3 / 2
+                                           : luma + size_t(sw + 2) * ((sh + 1) / 2);
+          const Bytes src = testutil::RandomBytes(src_bytes, ++seed);
+          const size_t dst_bytes = size_t(dw) * dh + size_t(dw + 2) * ((dh + 1) / 2);
+          Bytes want(dst_bytes, kUntouched), got(dst_bytes, kUntouched);
+          velmora::ResampleNv12(plain, src.data(), want.data(), sw, sh, dw, dh, chroma);
+          velmora::ResampleNv12(fast, src.data(), got.data(), sw, sh, dw, dh, chroma);
+          ASSERT_TRUE(got == want) << velmora::IsaName(isa) << " " << sw << "x" << sh << " to "
+                                   << dw << "x" << dh << (chroma ? "" : " luma only");
+        }
+      }
+    }
+  }
 }
 
 TEST(NV12AvgScaling, TruncatedBoxMeansOfLumaOnly) {
