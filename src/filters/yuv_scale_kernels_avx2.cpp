@@ -48,12 +48,13 @@ __m256i Gather(const uint8_t* base, __m256i offsets) {
 
 }  // namespace
 
-void LinearLumaRow(const uint8_t* row0, const uint8_t* row1, uint8_t* out, int src_width,
-                   float sx, float wy, int begin, int end) {
+void LinearLumaRow(const uint8_t* row0, const uint8_t* row1, uint8_t* out, int src_width, float sx,
+                   float wy, int begin, int end) {
   // x0 + 3 within the row: then x1 = x0 + 1 needs no limit either.
   const int body = BodyEnd(sx, 1, src_width - 4, begin, end);
   const __m256 vsx = _mm256_set1_ps(sx), vwy = _mm256_set1_ps(wy);
-  __m256i index = _mm256_add_epi32(_mm256_set1_epi32(begin), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+  __m256i index =
+      _mm256_add_epi32(_mm256_set1_epi32(begin), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
   for (int i = begin; i < body; i += kStep) {
     const __m256 fx = _mm256_mul_ps(vsx, _mm256_cvtepi32_ps(index));
     const __m256i x0 = _mm256_cvttps_epi32(fx);
@@ -62,7 +63,8 @@ void LinearLumaRow(const uint8_t* row0, const uint8_t* row1, uint8_t* out, int s
     const __m256i v = Bilinear(wx, vwy, ByteOf(g0, 0), ByteOf(g0, 1), ByteOf(g1, 0), ByteOf(g1, 1));
     // Values 0..255: the packs keep them, lanes 0-3 and 4-7 land in dwords 0 and 4.
     const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(v, v), _mm256_setzero_si256());
-    const __m256i both = _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 0, 0, 0, 0, 0, 0));
+    const __m256i both =
+        _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 0, 0, 0, 0, 0, 0));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), _mm256_castsi256_si128(both));
     index = _mm256_add_epi32(index, _mm256_set1_epi32(kStep));
   }
@@ -74,7 +76,8 @@ void LinearChromaRow(const uint8_t* pairs0, const uint8_t* pairs1, uint8_t* out,
   // Pairs cx0 and cx0 + 1 (bytes 2 cx0 .. 2 cx0 + 3) within the row: cx1 needs no limit.
   const int body = BodyEnd(sx, 2, 2 * src_pairs - 4, begin, end);
   const __m256 vsx = _mm256_set1_ps(sx), vwy = _mm256_set1_ps(wy);
-  __m256i index = _mm256_add_epi32(_mm256_set1_epi32(begin), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+  __m256i index =
+      _mm256_add_epi32(_mm256_set1_epi32(begin), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
   for (int k = begin; k < body; k += kStep) {
     // The weight of luma column 2k, as in the definition.
     const __m256 fx = _mm256_mul_ps(vsx, _mm256_cvtepi32_ps(_mm256_add_epi32(index, index)));
@@ -83,11 +86,14 @@ void LinearChromaRow(const uint8_t* pairs0, const uint8_t* pairs1, uint8_t* out,
     const __m256i offsets = _mm256_add_epi32(cx0, cx0);
     const __m256i g0 = Gather(pairs0, offsets), g1 = Gather(pairs1, offsets);
     // Bytes 0 and 1 are pair cx0, bytes 2 and 3 pair cx1.
-    const __m256i first = Bilinear(wx, vwy, ByteOf(g0, 0), ByteOf(g0, 2), ByteOf(g1, 0), ByteOf(g1, 2));
-    const __m256i second = Bilinear(wx, vwy, ByteOf(g0, 1), ByteOf(g0, 3), ByteOf(g1, 1), ByteOf(g1, 3));
+    const __m256i first =
+        Bilinear(wx, vwy, ByteOf(g0, 0), ByteOf(g0, 2), ByteOf(g1, 0), ByteOf(g1, 2));
+    const __m256i second =
+        Bilinear(wx, vwy, ByteOf(g0, 1), ByteOf(g0, 3), ByteOf(g1, 1), ByteOf(g1, 3));
     // Each pair as one 16-bit word, then the eight words in order.
     const __m256i words = _mm256_or_si256(first, _mm256_slli_epi32(second, 8));
-    const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi32(words, words), _MM_SHUFFLE(3, 1, 2, 0));
+    const __m256i packed =
+        _mm256_permute4x64_epi64(_mm256_packus_epi32(words, words), _MM_SHUFFLE(3, 1, 2, 0));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2 * k), _mm256_castsi256_si128(packed));
     index = _mm256_add_epi32(index, _mm256_set1_epi32(kStep));
   }
