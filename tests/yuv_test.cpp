@@ -4,11 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <string>
 #include <vector>
@@ -16,11 +15,14 @@
 #include "common/cpu.h"
 #include "filters/yuv_convert_kernels.h"
 #include "filters/yuv_scale_kernels.h"
+#include "kernel_conformance.h"
 #include "test_util.h"
 #include "velmora/yuv.h"
 
 namespace {
 
+using velmora::ExpectMatchesScalar;
+using velmora::KernelConformance;
 using Bytes = std::vector<uint8_t>;
 constexpr uint8_t kUntouched = 0xA5;
 
@@ -97,47 +99,6 @@ TEST(YuvToRgb, StrideIncludesPaddingWhichStaysUntouchedAndEachPixelFindsItsPair)
   EXPECT_EQ(out, kUntouched);
 }
 
-// Every vector variant against the scalar rows, bit for bit, over widths around the vector
-// steps, odd heights and paddings, with every buffer ending flush against its allocation (the
-// last pair of an odd row reaches one byte past the width).
-TEST(YuvToRgb, VectorRowsMatchTheScalarDefinition) {
-  using velmora::Isa;
-  std::vector<int> widths;
-  for (int w = 1; w <= 70; ++w) widths.push_back(w);
-  widths.insert(widths.end(), {640, 1919, 1920});
-  const velmora::YuvConvertKernels& plain = velmora::YuvConvertKernelsFor(Isa::kScalar);
-  for (const Isa isa : velmora::AvailableIsas()) {
-    if (isa == Isa::kScalar) continue;
-    const velmora::YuvConvertKernels& fast = velmora::YuvConvertKernelsFor(isa);
-    uint32_t seed = 0;
-    for (const int width : widths) {
-      for (const int height : {1, 3, 4}) {
-        for (const int padding : {0, 5}) {
-          const int stride = width + padding;
-          const size_t plane = size_t(height - 1) * stride + width;
-          const size_t chroma = size_t((height + 1) / 2 - 1) * stride + (width + 1) / 2 * 2;
-          const Bytes y = testutil::RandomBytes(plane, ++seed);
-          const Bytes uv = testutil::RandomBytes(chroma, ++seed);
-          for (const bool u_first : {true, false}) {
-            Bytes want[3] = {Bytes(plane), Bytes(plane), Bytes(plane)};
-            Bytes got[3] = {Bytes(plane), Bytes(plane), Bytes(plane)};
-            velmora::ConvertYuvToRgbPlanes(plain, u_first, y.data(), uv.data(), want[0].data(),
-                                           want[1].data(), want[2].data(), width, height,
-                                           padding);
-            velmora::ConvertYuvToRgbPlanes(fast, u_first, y.data(), uv.data(), got[0].data(),
-                                           got[1].data(), got[2].data(), width, height, padding);
-            for (int p = 0; p < 3; ++p) {
-              ASSERT_TRUE(got[p] == want[p]) << velmora::IsaName(isa) << " plane " << p << " "
-                                             << width << "x" << height << "+" << padding
-                                             << (u_first ? " nv12" : " nv21");
-            }
-          }
-        }
-      }
-    }
-  }
-}
-
 // A frame in one buffer: luma, then chroma, then sentinel bytes that must stay untouched.
 Bytes Nv12Buffer(int width, int height, uint32_t seed, size_t spare = 16) {
   Bytes frame = testutil::RandomBytes(size_t(width) * height * 3 / 2, seed);
@@ -208,41 +169,6 @@ TEST(NV12Linear, OddDestinationWidthKeepsTheShortChromaStride) {
   EXPECT_TRUE(Bytes(dst.begin() + 12, dst.end()) == want);
 }
 
-// The vector rows against the scalar ones over shrinking and growing sizes, odd ones included.
-// Even sources end flush against their allocation (the luma-only pass: at the luma), so a
-// gather reaching past what the rule reads fails under ASan; odd ones read past a whole frame
-// by the rule itself and get a little room.
-TEST(NV12Linear, VectorRowsMatchTheScalarDefinition) {
-  using velmora::Isa;
-  const std::pair<int, int> sizes[] = {{1, 1},  {2, 2},   {3, 5},   {7, 3},    {8, 8},
-                                       {16, 6}, {33, 9},  {40, 4},  {64, 48},  {100, 30},
-                                       {641, 7}, {1920, 4}, {1280, 2}};
-  const velmora::YuvScaleKernels& plain = velmora::YuvScaleKernelsFor(Isa::kScalar);
-  for (const Isa isa : velmora::AvailableIsas()) {
-    const velmora::YuvScaleKernels& fast = velmora::YuvScaleKernelsFor(isa);
-    if (&fast == &plain) continue;
-    uint32_t seed = 100;
-    for (const auto& [sw, sh] : sizes) {
-      for (const auto& [dw, dh] : sizes) {
-        for (const bool chroma : {true, false}) {
-          const bool even = sw % 2 == 0 && sh % 2 == 0;
-          const size_t luma = size_t(sw) * sh;
-          const size_t src_bytes = !chroma ? luma
-                                   : even  ? luma * 3 / 2
-                                           : luma + size_t(sw + 2) * ((sh + 1) / 2);
-          const Bytes src = testutil::RandomBytes(src_bytes, ++seed);
-          const size_t dst_bytes = size_t(dw) * dh + size_t(dw + 2) * ((dh + 1) / 2);
-          Bytes want(dst_bytes, kUntouched), got(dst_bytes, kUntouched);
-          velmora::ResampleNv12(plain, src.data(), want.data(), sw, sh, dw, dh, chroma);
-          velmora::ResampleNv12(fast, src.data(), got.data(), sw, sh, dw, dh, chroma);
-          ASSERT_TRUE(got == want) << velmora::IsaName(isa) << " " << sw << "x" << sh << " to "
-                                   << dw << "x" << dh << (chroma ? "" : " luma only");
-        }
-      }
-    }
-  }
-}
-
 TEST(NV12AvgScaling, TruncatedBoxMeansOfLumaOnly) {
   // 10x4 to 3x2: blocks of 3x2, area 6; source column 9 lies outside every block.
   Bytes src(10 * 4 + 20);
@@ -272,25 +198,8 @@ TEST(NV12AvgScaling, TruncatedBoxMeansOfLumaOnly) {
 
 class YuvFile : public testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/velmora-yuv-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    for (const std::string& name : created_) std::remove(name.c_str());
-    rmdir(dir_.c_str());
-  }
-  std::string Path(const std::string& name) {
-    created_.push_back(dir_ + "/" + name);
-    return created_.back();
-  }
-  static Bytes Contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  }
-  std::string dir_;
-  std::vector<std::string> created_;
+  std::string Path(const std::string& name) const { return dir_ / name; }
+  testutil::TempDir dir_;
 };
 
 TEST_F(YuvFile, WritersWriteLumaThenChromaWithTruncatedSizesAndReadersReadThemBack) {
@@ -306,7 +215,7 @@ TEST_F(YuvFile, WritersWriteLumaThenChromaWithTruncatedSizesAndReadersReadThemBa
     EXPECT_EQ(WriteYUVFile(luma.data(), chroma.data(), planes.c_str(), c.w, c.h), 0);
     Bytes both = luma;
     both.insert(both.end(), chroma.begin(), chroma.end());
-    EXPECT_TRUE(Contents(planes) == both);
+    EXPECT_TRUE(testutil::ReadFile(planes) == both);
 
     Bytes luma_in(c.luma + 1, kUntouched), chroma_in(c.chroma + 1, kUntouched);
     EXPECT_EQ(ReadYUVFile(luma_in.data(), chroma_in.data(), planes.c_str(), c.w, c.h), 0);
@@ -318,7 +227,7 @@ TEST_F(YuvFile, WritersWriteLumaThenChromaWithTruncatedSizesAndReadersReadThemBa
     Bytes frame = testutil::RandomBytes(c.frame, 5);
     const std::string whole = Path("frame.yuv");
     writeYUVFile(whole, frame.data(), c.w, c.h);
-    EXPECT_TRUE(Contents(whole) == frame);
+    EXPECT_TRUE(testutil::ReadFile(whole) == frame);
     Bytes frame_in(c.frame + 1, kUntouched);
     readYUVFile(whole, frame_in.data(), c.w, c.h);
     frame.push_back(kUntouched);
@@ -335,16 +244,16 @@ TEST_F(YuvFile, DoublesAreTruncatedToInt32AndWrapToTheirLowByte) {
   std::vector<double> luma(values, values + 8), chroma(values + 8, values + 12);
   const std::string planes = Path("planes.yuv");
   WriteYUVFile(luma.data(), chroma.data(), planes.c_str(), 4, 2);  // 8 + 4 bytes
-  EXPECT_TRUE(Contents(planes) == want);
+  EXPECT_TRUE(testutil::ReadFile(planes) == want);
 
   std::vector<double> frame(values, values + 12);
   const std::string whole = Path("frame.yuv");
   writeYUVFile(whole, frame.data(), 4, 2);
-  EXPECT_TRUE(Contents(whole) == want);
+  EXPECT_TRUE(testutil::ReadFile(whole) == want);
 }
 
 TEST_F(YuvFile, AFileThatCannotBeOpenedTransfersNothingAndIsLogged) {
-  const std::string missing = dir_ + "/no-such-dir/frame.yuv";
+  const std::string missing = dir_ / "no-such-dir/frame.yuv";
   Bytes luma(8, kUntouched), chroma(4, kUntouched), frame(12, kUntouched);
   std::vector<double> doubles(12, 1.0);
   testutil::TakeLogRecords();
@@ -383,5 +292,72 @@ TEST_F(YuvFile, OnlyTheLowerCaseReaderRefusesAReadOnlyFile) {
   luma.insert(luma.end(), chroma.begin(), chroma.end());
   EXPECT_TRUE(luma == stored);
 }
+
+// ---- Vector rows against the scalar definitions (the shared conformance harness) ----
+
+// The conversion at every harness size, in both chroma orders, with a padding from the seed.
+// Every buffer ends flush against its allocation: the last pair of an odd row reaches one byte
+// past the width, and no further.
+struct YuvConvertFamily {
+  static constexpr const char* kName = "YuvConvert";
+  using Kernels = velmora::YuvConvertKernels;
+  static const Kernels& For(velmora::Isa isa) { return velmora::YuvConvertKernelsFor(isa); }
+  struct Case {
+    int width, height, padding;
+    Bytes y, uv;
+  };
+  static Case Make(int width, int height, uint32_t seed) {
+    const int padding = static_cast<int>(seed % 4) * 3;
+    const size_t stride = size_t(width) + padding;
+    return {width, height, padding,
+            testutil::RandomBytes((height - 1) * stride + width, seed),
+            testutil::RandomBytes(((height + 1) / 2 - 1) * stride + (width + 1) / 2 * 2, ~seed)};
+  }
+  static Bytes Run(const Kernels& kernels, const Case& c) {
+    Bytes out;
+    for (const bool u_first : {true, false}) {
+      Bytes r(c.y.size(), kUntouched), g(c.y.size(), kUntouched), b(c.y.size(), kUntouched);
+      velmora::ConvertYuvToRgbPlanes(kernels, u_first, c.y.data(), c.uv.data(), r.data(),
+                                     g.data(), b.data(), c.width, c.height, c.padding);
+      for (const Bytes* plane : {&r, &g, &b}) out.insert(out.end(), plane->begin(), plane->end());
+    }
+    return out;
+  }
+};
+TEST_P(KernelConformance, YuvConvert) { ExpectMatchesScalar<YuvConvertFamily>(GetParam()); }
+
+// NV12Linear and NV12Linear_Y from each harness size to a shrunk, equal or grown one (chosen
+// by the seed). Even sources end flush against their allocation (the luma-only pass at the
+// luma), so a gather reaching past what the rule reads fails under ASan; odd ones are read past
+// a whole frame by the rule itself and get a little room.
+struct Nv12LinearFamily {
+  static constexpr const char* kName = "NV12Linear";
+  using Kernels = velmora::YuvScaleKernels;
+  static const Kernels& For(velmora::Isa isa) { return velmora::YuvScaleKernelsFor(isa); }
+  struct Case {
+    int sw, sh, dw, dh;
+    Bytes frame, luma;
+  };
+  static Case Make(int width, int height, uint32_t seed) {
+    static const float kScales[] = {0.37f, 0.5f, 1.0f, 1.5f, 3.1f};
+    const float scale = kScales[seed % 5];
+    const int dw = std::max(1, static_cast<int>(width * scale));
+    const int dh = std::max(1, static_cast<int>(height * scale));
+    const size_t luma = size_t(width) * height;
+    const bool even = width % 2 == 0 && height % 2 == 0;
+    const size_t frame = even ? luma * 3 / 2 : luma + size_t(width + 2) * ((height + 1) / 2);
+    return {width, height, dw, dh, testutil::RandomBytes(frame, seed),
+            testutil::RandomBytes(luma, ~seed)};
+  }
+  static Bytes Run(const Kernels& kernels, const Case& c) {
+    const size_t bytes = size_t(c.dw) * c.dh + size_t(c.dw + 2) * ((c.dh + 1) / 2);
+    Bytes whole(bytes, kUntouched), luma(bytes, kUntouched);
+    velmora::ResampleNv12(kernels, c.frame.data(), whole.data(), c.sw, c.sh, c.dw, c.dh, true);
+    velmora::ResampleNv12(kernels, c.luma.data(), luma.data(), c.sw, c.sh, c.dw, c.dh, false);
+    whole.insert(whole.end(), luma.begin(), luma.end());
+    return whole;
+  }
+};
+TEST_P(KernelConformance, Nv12Linear) { ExpectMatchesScalar<Nv12LinearFamily>(GetParam()); }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The conversion rule, one pixel at a time: the definition the vector variants must match.
 #include "filters/yuv_convert_kernels.h"
 
+#include "common/dispatch.h"
+
 namespace velmora {
 namespace scalar {
 namespace {
@@ -46,18 +48,9 @@ const YuvConvertKernels kYuvConvert = {Nv12ToRgbRow, Nv21ToRgbRow};
 }  // namespace scalar
 
 const YuvConvertKernels& YuvConvertKernelsFor(Isa isa) {
-  switch (isa) {
-#if defined(VELMORA_HAVE_AVX2)
-    case Isa::kAvx2:
-      return avx2::kYuvConvert;
-#endif
-#if defined(VELMORA_HAVE_NEON)
-    case Isa::kNeon:
-      return neon::kYuvConvert;
-#endif
-    default:
-      return scalar::kYuvConvert;
-  }
+  static const IsaTable<YuvConvertKernels> t{&scalar::kYuvConvert, VELMORA_AVX2(kYuvConvert),
+                                             VELMORA_NEON(kYuvConvert)};
+  return Pick(t, isa);
 }
 
 void ConvertYuvToRgbPlanes(const YuvConvertKernels& kernels, bool u_first, const uint8_t* y,

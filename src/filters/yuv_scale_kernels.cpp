@@ -1,6 +1,8 @@
 // The bilinear resampler's rows, one sample at a time: the definition the vector rows match.
 #include "filters/yuv_scale_kernels.h"
 
+#include "common/dispatch.h"
+
 namespace velmora {
 namespace {
 
@@ -57,12 +59,10 @@ const YuvScaleKernels kYuvScale = {LinearLumaRow, LinearChromaRow};
 
 }  // namespace scalar
 
+// No NEON rows: arm64 has no gather to fetch the neighbours with.
 const YuvScaleKernels& YuvScaleKernelsFor(Isa isa) {
-#if defined(VELMORA_HAVE_AVX2)
-  if (isa == Isa::kAvx2) return avx2::kYuvScale;
-#endif
-  (void)isa;
-  return scalar::kYuvScale;
+  static const IsaTable<YuvScaleKernels> t{&scalar::kYuvScale, VELMORA_AVX2(kYuvScale), nullptr};
+  return Pick(t, isa);
 }
 
 void ResampleNv12(const YuvScaleKernels& kernels, const uint8_t* src, uint8_t* dst,
