@@ -1,15 +1,18 @@
-// The tool's pure pieces, linked in directly: size parsing, output kinds, colour conversion and
-// the frame sources.
+// The tool's pure pieces, linked in directly: size parsing, output kinds and names, colour
+// conversion both ways and the frame sources.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
+#include "convert.h"
 #include "demo_scene.h"
 #include "frame_reader.h"
 #include "frame_source.h"
 #include "image_writer.h"
 #include "test_util.h"
+#include "velmora/yuv.h"
 
 namespace velmora::tool {
 namespace {
@@ -82,32 +85,14 @@ TEST(OutputKindForPath, ChoosesByExtensionIgnoringCase) {
   }
 }
 
-TEST(YuvToRgb, FullRangeBt601RoundedAndClamped) {
-  struct Case {
-    uint8_t y, u, v;
-    uint8_t r, g, b;
-  };
-  // Worked by hand from R = Y + 1.402 Cr, G = Y - 0.344136 Cb - 0.714136 Cr, B = Y + 1.772 Cb.
-  const Case cases[] = {
-      {128, 128, 128, 128, 128, 128}, {0, 128, 128, 0, 0, 0},
-      {255, 128, 128, 255, 255, 255}, {100, 128, 129, 101, 99, 100},  // 101.402, 99.286
-      {100, 128, 130, 103, 99, 100},                                  // 102.804, 98.572
-      {100, 129, 128, 100, 100, 102},                                 // 99.656, 101.772
-      {76, 85, 255, 254, 0, 0},                                       // 254.054, 0.103, -0.196
-      {255, 128, 255, 255, 164, 255},                                 // 433.054, 164.305
-      {150, 44, 21, 0, 255, 1},                                       // -0.014, 255.320, 1.152
-      {29, 255, 107, 0, 0, 254},                                      // -0.442, 0.292, 254.044
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.y) + "," + std::to_string(c.u) + "," + std::to_string(c.v));
-    const Rgb rgb = YuvToRgb(c.y, c.u, c.v);
-    EXPECT_EQ(rgb.r, c.r);
-    EXPECT_EQ(rgb.g, c.g);
-    EXPECT_EQ(rgb.b, c.b);
-  }
+// One pixel through the library's conversion, the pair given as U, V.
+uint8_t LibraryRgb(uint8_t y, uint8_t u, uint8_t v, int channel) {
+  uint8_t pair[2] = {u, v}, rgb[3];
+  NV12toRGBA8888(&y, pair, &rgb[0], &rgb[1], &rgb[2], 1, 1, 0, 0);
+  return rgb[channel];
 }
 
-TEST(FrameToRgb, EachTwoByTwoBlockSharesItsChromaPairInEitherOrder) {
+TEST(FrameToRgb, InterleavesTheLibrarysColoursEachBlockWithItsPairInEitherOrder) {
   // 4x4 luma of 128; chroma row 0 pairs (128,255) (255,128), row 1 pairs (0,128) (128,0).
   const FrameGeometry geometry{4, 4};
   std::vector<uint8_t> frame(geometry.frameBytes(), 128);
@@ -126,17 +111,82 @@ TEST(FrameToRgb, EachTwoByTwoBlockSharesItsChromaPairInEitherOrder) {
       for (int column = 0; column < 4; ++column) {
         const Block& block = blocks[row / 2][column / 2];
         const bool u_first = order == ChromaOrder::kNv12;
-        const Rgb want = YuvToRgb(128, u_first ? block.first : block.second,
-                                  u_first ? block.second : block.first);
-        const uint8_t* got = &rgb[3 * (row * 4 + column)];
-        EXPECT_EQ(got[0], want.r) << row << "," << column;
-        EXPECT_EQ(got[1], want.g) << row << "," << column;
-        EXPECT_EQ(got[2], want.b) << row << "," << column;
+        const uint8_t u = u_first ? block.first : block.second;
+        const uint8_t v = u_first ? block.second : block.first;
+        for (int channel = 0; channel < 3; ++channel) {
+          EXPECT_EQ(rgb[3 * (row * 4 + column) + channel], LibraryRgb(128, u, v, channel))
+              << row << "," << column << " channel " << channel;
+        }
       }
     }
   }
   // The blocks differ, so a wrong block or order could not go unnoticed.
-  EXPECT_NE(YuvToRgb(128, 128, 255).r, YuvToRgb(128, 255, 128).r);
+  EXPECT_NE(LibraryRgb(128, 128, 255, 0), LibraryRgb(128, 255, 128, 0));
+}
+
+TEST(RgbToFrame, InvertsTheLibrarysConversionRoundedWithChromaFromBlockMeans) {
+  // Worked by hand, inverting R = Y + 1.370705 V', G = Y - 0.337633 U' - 0.698001 V',
+  // B = Y + 1.732446 U': red is Y 76.20, U' -43.98, V' 130.44 (V 258.4, clamped to 255).
+  struct Case {
+    std::vector<uint8_t> rgb;  // 2x2 pixels
+    uint8_t y[4], u, v;
+  };
+  const Case cases[] = {
+      {{77, 77, 77, 77, 77, 77, 77, 77, 77, 77, 77, 77}, {77, 77, 77, 77}, 128, 128},
+      {{255, 0, 0, 255, 0, 0, 255, 0, 0, 255, 0, 0}, {76, 76, 76, 76}, 84, 255},
+      // Red beside black: the pair is the mean of the unclamped offsets (V' 65.22 -> 193), not
+      // of clamped bytes (which would give 192).
+      {{255, 0, 0, 0, 0, 0, 255, 0, 0, 0, 0, 0}, {76, 0, 76, 0}, 106, 193},
+  };
+  for (const Case& c : cases) {
+    for (const ChromaOrder order : {ChromaOrder::kNv12, ChromaOrder::kNv21}) {
+      SCOPED_TRACE(testing::Message() << int(c.y[0]) << " " << ChromaOrderName(order));
+      const std::vector<uint8_t> frame = RgbToFrame(RgbImage{2, 2, c.rgb}, order);
+      const bool u_first = order == ChromaOrder::kNv12;
+      EXPECT_EQ(frame, (std::vector<uint8_t>{c.y[0], c.y[1], c.y[2], c.y[3], u_first ? c.u : c.v,
+                                             u_first ? c.v : c.u}));
+    }
+  }
+  // In-gamut colours come back through the library's truncating conversion within one step.
+  std::mt19937 random(4);
+  for (int i = 0; i < 200; ++i) {
+    const uint8_t y = 60 + random() % 136, u = 108 + random() % 40, v = 108 + random() % 40;
+    std::vector<uint8_t> rgb;
+    for (int p = 0; p < 4; ++p)
+      for (int channel = 0; channel < 3; ++channel) rgb.push_back(LibraryRgb(y, u, v, channel));
+    const std::vector<uint8_t> frame = RgbToFrame(RgbImage{2, 2, rgb}, ChromaOrder::kNv12);
+    EXPECT_NEAR(frame[0], y, 1);
+    EXPECT_NEAR(frame[4], u, 1);
+    EXPECT_NEAR(frame[5], v, 1);
+  }
+}
+
+TEST(OutputPattern, OneFrameNumberAsPercentDWithOptionalZeroPadding) {
+  struct Case {
+    const char* pattern;
+    bool valid, numbered;
+    const char* seventh;  // the name of frame 7
+  };
+  const Case cases[] = {
+      {"frame%03d.png", true, true, "frame007.png"}, {"f%d.png", true, true, "f7.png"},
+      {"dir/%2d.png", true, true, "dir/ 7.png"},      {"plain.png", true, false, "plain.png"},
+      {"100%%.png", true, false, "100%.png"},        {"a%%%d.png", true, true, "a%7.png"},
+      {"f%s.png", false, false, ""},                 {"f%d%d.png", false, false, ""},
+      {"f%.png", false, false, ""},                  {"f%-3d.png", false, false, ""},
+      {"f%123d.png", false, false, ""},              {"f%", false, false, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.pattern);
+    bool numbered = false;
+    std::string error;
+    EXPECT_EQ(ParseOutputPattern(c.pattern, &numbered, &error), c.valid);
+    if (!c.valid) {
+      EXPECT_NE(error.find("one frame number"), std::string::npos) << error;
+      continue;
+    }
+    EXPECT_EQ(numbered, c.numbered);
+    EXPECT_EQ(OutputPathFor(c.pattern, numbered, 7), c.seventh);
+  }
 }
 
 TEST(FileFrameSource, YieldsEveryFrameOfEveryFileInOrder) {

@@ -12,9 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "convert.h"
 #include "frame_source.h"
 #include "image_writer.h"
 #include "test_util.h"
+#include "velmora/yuv.h"
 
 namespace {
 
@@ -124,6 +126,16 @@ bool ReadPng(const std::string& path, Png* png) {
   return ok;
 }
 
+bool WritePng(const std::string& path, uint32_t width, uint32_t height,
+              const std::vector<uint8_t>& rgb) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  image.width = width;
+  image.height = height;
+  image.format = PNG_FORMAT_RGB;
+  return png_image_write_to_file(&image, path.c_str(), 0, rgb.data(), 0, nullptr) != 0;
+}
+
 size_t CountLines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
 
 TEST(VelmoraLongexp, RawOutputEqualsAnIndependentRunningMean) {
@@ -206,6 +218,97 @@ TEST(VelmoraLongexp, PngOutputIsTheFrameInColourInEitherChromaOrder) {
   }
 }
 
+TEST(VelmoraConvert, RawFramesBecomeNumberedPngsOptionallyResampled) {
+  using velmora::tool::ChromaOrder;
+  TempDir dir;
+  std::vector<std::vector<uint8_t>> frames;
+  for (uint32_t i = 0; i < 3; ++i) frames.push_back(Packed(testutil::RandomFrame(16, 8, 17 + i)));
+  std::vector<uint8_t> two = frames[0];
+  two.insert(two.end(), frames[1].begin(), frames[1].end());
+  WriteFile(dir / "two.yuv", two);
+  WriteFile(dir / "one.yuv", frames[2]);
+
+  for (const auto& [format, order] :
+       {std::pair{"nv12", ChromaOrder::kNv12}, std::pair{"nv21", ChromaOrder::kNv21}}) {
+    for (const bool scaled : {false, true}) {
+      SCOPED_TRACE(std::string(format) + (scaled ? " scaled to 8x6" : ""));
+      std::vector<std::string> args = {"convert", "--size", "16x8", "--format", format,
+                                       "two.yuv", "one.yuv", "-o", "f%02d.png"};
+      if (scaled) args.insert(args.end(), {"--scale", "8x6"});
+      const RunResult run = RunTool(args, dir.path());
+      ASSERT_EQ(run.exit_code, 0) << run.err;
+      EXPECT_EQ(run.out + run.err, "");
+      for (int n = 0; n < 3; ++n) {
+        std::vector<uint8_t> frame = frames[n];
+        if (scaled) {
+          std::vector<uint8_t> small(FrameBytes(8, 6));
+          NV12Linear(frame.data(), small.data(), 16, 8, 8, 6);
+          frame = small;
+        }
+        Png png;
+        const std::string name = "f0" + std::to_string(n + 1) + ".png";
+        ASSERT_TRUE(ReadPng(dir / name, &png)) << name;
+        EXPECT_EQ(png.width, scaled ? 8u : 16u);
+        EXPECT_TRUE(png.rgb ==
+                    velmora::tool::FrameToRgb(frame.data(), {png.width, png.height}, order))
+            << name;
+        fs::remove(dir / name);
+      }
+      EXPECT_EQ(dir.List(), (std::vector<std::string>{"one.yuv", "two.yuv"}));
+    }
+  }
+}
+
+TEST(VelmoraConvert, PngImagesBecomeRawFramesBackToBackInTheOutputsOrder) {
+  using velmora::tool::RgbImage;
+  TempDir dir;
+  std::vector<RgbImage> images = {{4, 2, {}}, {4, 2, {}}, {8, 4, {}}};
+  for (size_t i = 0; i < images.size(); ++i) {
+    RgbImage& image = images[i];
+    image.rgb = testutil::RandomBytes(size_t(image.width) * image.height * 3, 23 + i);
+    ASSERT_TRUE(WritePng(dir / ("i" + std::to_string(i) + ".png"), image.width, image.height,
+                         image.rgb));
+  }
+  // The tool's RGB-to-frame conversion (its values are pinned by the tool_parts tests), the
+  // frames one after the other.
+  auto frames = [&](velmora::tool::ChromaOrder order, bool scaled) {
+    std::vector<uint8_t> all;
+    for (size_t i = scaled ? 1 : 0; i < (scaled ? 3u : 2u); ++i) {
+      std::vector<uint8_t> frame = velmora::tool::RgbToFrame(images[i], order);
+      const velmora::tool::FrameGeometry size{images[i].width, images[i].height};
+      if (scaled) frame = velmora::tool::ScaleFrame(frame, size, {2, 2});
+      all.insert(all.end(), frame.begin(), frame.end());
+    }
+    return all;
+  };
+  using velmora::tool::ChromaOrder;
+  const std::vector<uint8_t> nv12 = frames(ChromaOrder::kNv12, false);
+  const std::vector<uint8_t> nv21 = frames(ChromaOrder::kNv21, false);
+  const std::vector<uint8_t> scaled = frames(ChromaOrder::kNv12, true);
+  struct Case {
+    std::vector<std::string> args;
+    const char* output;
+    const std::vector<uint8_t>* want;
+  };
+  const Case cases[] = {
+      {{"i0.png", "i1.png"}, "out.nv12", &nv12},
+      {{"i0.png", "i1.png"}, "out.nv21", &nv21},
+      {{"i0.png", "i1.png"}, "out.yuv", &nv12},
+      {{"i0.png", "i1.png", "--format", "nv21"}, "out.yuv", &nv21},
+      // Images of different sizes need --scale.
+      {{"i1.png", "i2.png", "--scale", "2x2"}, "small.nv12", &scaled},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.output);
+    std::vector<std::string> args = {"convert", "-o", c.output};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const RunResult run = RunTool(args, dir.path());
+    ASSERT_EQ(run.exit_code, 0) << run.err;
+    EXPECT_EQ(run.out + run.err, "");
+    EXPECT_TRUE(ReadFile(dir / c.output) == *c.want);
+  }
+}
+
 TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
   TempDir dir;
   const std::vector<uint8_t> frame(FrameBytes(64, 48), 100);
@@ -214,6 +317,9 @@ TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
   WriteFile(dir / "empty.yuv", {});
   WriteFile(dir / "keep.png", {'o', 'l', 'd'});
   fs::create_directory(dir / "subdir");
+  ASSERT_TRUE(WritePng(dir / "img.png", 4, 2, std::vector<uint8_t>(24, 9)));
+  ASSERT_TRUE(WritePng(dir / "wide.png", 6, 2, std::vector<uint8_t>(36, 9)));
+  ASSERT_TRUE(WritePng(dir / "odd.png", 3, 2, std::vector<uint8_t>(18, 9)));
 
   struct Case {
     std::vector<std::string> args;
@@ -248,6 +354,23 @@ TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
       // A bad input leaves an existing output file as it was.
       {{"longexp", "--size", "64x48", "good.yuv", "short.yuv", "-o", "keep.png"},
        "short.yuv: size 1000"},
+      {{"convert", "--size", "64x48", "good.yuv", "good.yuv", "-o", "out.png"},
+       "2 frames need a numbered output name"},
+      {{"convert", "good.yuv", "-o", "out.png"}, "missing --size"},
+      {{"convert", "--size", "64x48", "good.yuv", "-o", "out.nv12"}, "raw frames convert to PNG"},
+      {{"convert", "--size", "64x48", "good.yuv", "-o", "f%s.png"}, "one frame number"},
+      {{"convert", "--size", "64x48", "--scale", "3x3", "good.yuv", "-o", "out.png"},
+       "--scale '3x3': width and height must be even"},
+      {{"convert", "--size", "64x48", "short.yuv", "-o", "f%d.png"}, "short.yuv: size 1000"},
+      {{"convert", "img.png", "-o", "out.png"}, "PNG input converts to raw frames"},
+      {{"convert", "img.png", "good.yuv", "-o", "out.nv12"}, "inputs mix PNG images and raw"},
+      {{"convert", "img.png", "odd.png", "-o", "out.nv12"}, "odd.png: 3x2: NV12/NV21 needs even"},
+      {{"convert", "img.png", "wide.png", "-o", "out.nv12"},
+       "wide.png: 6x2 differs from the first image's 4x2"},
+      {{"convert", "img.png", "keep.png", "-o", "out.nv12"}, "keep.png: cannot read PNG"},
+      {{"convert", "--size", "4x2", "img.png", "-o", "out.nv12"}, "--size is for raw input"},
+      {{"convert", "--format", "nv21", "img.png", "-o", "out.nv12"}, "contradicts"},
+      {{"convert", "-o", "out.nv12"}, "no input files"},
       {{"demo", "good.yuv"}, "demo takes no input files"},
       {{"timelapse"}, "unknown command 'timelapse'"},
       {{"--frobnicate"}, "unknown option '--frobnicate'"},
@@ -294,6 +417,7 @@ TEST(VelmoraCli, HelpAndVersionGoToStandardOutput) {
       {{"longexp", "--help"}, "usage: velmora longexp --size WxH"},
       {{"longexp", "--size", "bad", "-h"}, "usage: velmora longexp"},
       {{"demo", "--help"}, "usage: velmora demo"},
+      {{"convert", "--help"}, "usage: velmora convert"},
       {{"--version"}, "velmora 0.1.0 (library Velmora_Verion_0.1.0)"},
   };
   for (const Case& c : cases) {

@@ -5,13 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <cmath>
 #include <csignal>
 #include <cstring>
 #include <utility>
+
+#include "velmora/yuv.h"
 
 namespace velmora::tool {
 
@@ -25,10 +25,6 @@ std::string Lowercase(std::string text) {
 bool EndsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() &&
          text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-uint8_t RoundAndClamp(double value) {
-  return static_cast<uint8_t>(std::clamp(std::floor(value + 0.5), 0.0, 255.0));
 }
 
 // The temporary file in progress, for the signal handler: a fixed buffer and a flag, because a
@@ -77,29 +73,27 @@ bool OutputKindForPath(const std::string& path, OutputKind* kind) {
   return false;
 }
 
-Rgb YuvToRgb(uint8_t y, uint8_t u, uint8_t v) {
-  const double cb = u - 128.0;
-  const double cr = v - 128.0;
-  return {RoundAndClamp(y + 1.402 * cr), RoundAndClamp(y - 0.344136 * cb - 0.714136 * cr),
-          RoundAndClamp(y + 1.772 * cb)};
-}
-
 std::vector<uint8_t> FrameToRgb(const uint8_t* frame, FrameGeometry geometry, ChromaOrder order) {
-  const size_t width = geometry.width;
-  const uint8_t* chroma = frame + geometry.lumaBytes();
-  const size_t u_offset = order == ChromaOrder::kNv12 ? 0 : 1;
-  std::vector<uint8_t> rgb(geometry.lumaBytes() * 3);
-  uint8_t* out = rgb.data();
-  for (size_t row = 0; row < geometry.height; ++row) {
-    const uint8_t* luma_row = frame + row * width;
-    const uint8_t* chroma_row = chroma + (row / 2) * width;
-    for (size_t column = 0; column < width; ++column) {
-      const uint8_t* pair = chroma_row + (column & ~size_t{1});
-      const Rgb pixel = YuvToRgb(luma_row[column], pair[u_offset], pair[1 - u_offset]);
-      *out++ = pixel.r;
-      *out++ = pixel.g;
-      *out++ = pixel.b;
-    }
+  const size_t pixels = geometry.lumaBytes();
+  // The library converts into three planes; the PNG wants them interleaved.
+  std::vector<uint8_t> planes(pixels * 3);
+  uint8_t* r = planes.data();
+  uint8_t* g = r + pixels;
+  uint8_t* b = g + pixels;
+  // The library takes non-const planes but only reads its sources.
+  uint8_t* luma = const_cast<uint8_t*>(frame);
+  uint8_t* chroma = luma + pixels;
+  const int width = static_cast<int>(geometry.width), height = static_cast<int>(geometry.height);
+  if (order == ChromaOrder::kNv12) {
+    NV12toRGBA8888(luma, chroma, r, g, b, width, height, 0, 0);
+  } else {
+    NV21toRGBA8888(luma, chroma, r, g, b, width, height, 0, 0);
+  }
+  std::vector<uint8_t> rgb(pixels * 3);
+  for (size_t i = 0; i < pixels; ++i) {
+    rgb[3 * i] = r[i];
+    rgb[3 * i + 1] = g[i];
+    rgb[3 * i + 2] = b[i];
   }
   return rgb;
 }
@@ -174,19 +168,24 @@ bool AtomicOutput::commit(std::string* error) {
   return true;
 }
 
+bool WritePng(AtomicOutput& out, const uint8_t* rgb, uint32_t width, uint32_t height,
+              std::string* error) {
+  png_image png{};
+  png.version = PNG_IMAGE_VERSION;
+  png.width = width;
+  png.height = height;
+  png.format = PNG_FORMAT_RGB;
+  const bool ok = png_image_write_to_stdio(&png, out.file(), 0, rgb, 0, nullptr) != 0;
+  if (!ok) *error = out.path() + ": cannot encode PNG: " + png.message;
+  png_image_free(&png);
+  return ok;
+}
+
 bool WritePicture(AtomicOutput& out, OutputKind kind, const std::vector<uint8_t>& picture,
                   FrameGeometry geometry, ChromaOrder order, std::string* error) {
   if (kind == OutputKind::kPng) {
     const std::vector<uint8_t> rgb = FrameToRgb(picture.data(), geometry, order);
-    png_image png{};
-    png.version = PNG_IMAGE_VERSION;
-    png.width = geometry.width;
-    png.height = geometry.height;
-    png.format = PNG_FORMAT_RGB;
-    const bool ok = png_image_write_to_stdio(&png, out.file(), 0, rgb.data(), 0, nullptr) != 0;
-    if (!ok) *error = out.path() + ": cannot encode PNG: " + png.message;
-    png_image_free(&png);
-    return ok;
+    return WritePng(out, rgb.data(), geometry.width, geometry.height, error);
   }
 
   const bool swap = (kind == OutputKind::kNv12 && order == ChromaOrder::kNv21) ||

@@ -23,14 +23,9 @@ enum class OutputKind {
 // The kind that the extension of path names (case does not matter); false if none.
 bool OutputKindForPath(const std::string& path, OutputKind* kind);
 
-struct Rgb {
-  uint8_t r, g, b;
-};
-
-// Full-range BT.601, the convention of camera frames, rounded to nearest and clamped.
-Rgb YuvToRgb(uint8_t y, uint8_t u, uint8_t v);
-
-// Packed RGB rows of a frame; each 2x2 block of luma shares one chroma pair.
+// Packed RGB rows of a frame, by the library's own conversion (NV12toRGBA8888 or
+// NV21toRGBA8888: full-range BT.601 in single precision, truncated); each 2x2 block of luma
+// shares one chroma pair.
 std::vector<uint8_t> FrameToRgb(const uint8_t* frame, FrameGeometry geometry, ChromaOrder order);
 
 // Turns U,V pairs into V,U pairs and back.
@@ -59,6 +54,10 @@ class AtomicOutput {
   std::string temp_path_;
   std::FILE* file_;
 };
+
+// Encodes packed RGB rows of width x height as an 8-bit PNG into out.
+bool WritePng(AtomicOutput& out, const uint8_t* rgb, uint32_t width, uint32_t height,
+              std::string* error);
 
 // Writes picture (a frame of the given geometry and chroma order) as kind into out.
 bool WritePicture(AtomicOutput& out, OutputKind kind, const std::vector<uint8_t>& picture,

@@ -2,9 +2,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <new>
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "common/cpu.h"
+#include "convert.h"
 #include "demo_scene.h"
 #include "frame_reader.h"
 #include "image_writer.h"
@@ -36,6 +39,7 @@ const char kToolUsage[] =
     "commands:\n"
     "  longexp   fold raw frame files into one picture\n"
     "  demo      the same on a built-in synthetic burst\n"
+    "  convert   raw NV12/NV21 frames to PNG images and back\n"
     "\n"
     "options:\n"
     "  -h, --help   show this help\n"
@@ -68,6 +72,26 @@ const char kDemoUsage[] =
     "  -o, --output OUT    output file (default velmora-demo.png); .png, .yuv, .nv12 or .nv21\n"
     "  --isa ISA           run the kernels as scalar, avx2 or neon\n"
     "  -v, --verbose       also show the library's log lines on standard output\n"
+    "  -h, --help          show this help\n";
+
+const char kConvertUsage[] =
+    "usage: velmora convert --size WxH [--format nv12|nv21] [--scale WxH] FRAME... -o OUT.png\n"
+    "       velmora convert [--format nv12|nv21] [--scale WxH] IMAGE.png... -o OUT.nv12\n"
+    "\n"
+    "Raw frames to PNG: every frame of the FRAME files (each holds one frame or several\n"
+    "back to back) becomes one PNG, converted by the library's NV12toRGBA8888 or\n"
+    "NV21toRGBA8888. Several frames need a numbered name, e.g. -o frame%03d.png\n"
+    "(frame001.png, frame002.png, ...).\n"
+    "PNG to raw: every image becomes one frame (full-range BT.601, rounded), all of them\n"
+    "back to back in OUT; the images must share one size unless --scale is given.\n"
+    "\n"
+    "options:\n"
+    "  --size WxH          frame width and height of raw input (even, non-zero)\n"
+    "  --format FMT        chroma order of raw input or .yuv output: nv12 (default) or nv21\n"
+    "  --scale WxH         resample every frame to WxH with the library's NV12Linear\n"
+    "  -o, --output OUT    .png (numbered with %d or %03d for several frames), or\n"
+    "                      .nv12, .nv21 or .yuv (raw)\n"
+    "  --isa ISA           run the kernels as scalar, avx2 or neon\n"
     "  -h, --help          show this help\n";
 
 // Every failure a user can cause ends the same way: one line on standard error, exit code 2.
@@ -330,6 +354,132 @@ int Demo(const std::vector<std::string>& args) {
   return status;
 }
 
+// Raw frames to numbered PNGs. Every input is checked before the first file is written; each
+// output appears whole or not at all.
+int ConvertFramesToPng(const ParsedArgs& parsed, const CommonOptions& common,
+                       const FrameGeometry* scale) {
+  if (common.kind != OutputKind::kPng) {
+    return Fail(common.output + ": raw frames convert to PNG (give -o NAME.png)");
+  }
+  if (!parsed.has("--size")) return Fail("missing --size WxH (the frame size of the raw input)");
+  FrameGeometry geometry;
+  std::string error;
+  const std::string size = parsed.value("--size");
+  if (!ParseSize(size, &geometry, &error)) return Fail("--size '" + size + "': " + error);
+  ChromaOrder order = ChromaOrder::kNv12;
+  if (parsed.has("--format") && !ParseChromaOrder(parsed.value("--format"), &order)) {
+    return Fail("--format '" + parsed.value("--format") + "': unknown format (use nv12 or nv21)");
+  }
+  bool numbered = false;
+  if (!ParseOutputPattern(common.output, &numbered, &error)) return Fail(error);
+  std::unique_ptr<FileFrameSource> source =
+      FileFrameSource::Open(parsed.positional, geometry, order, &error);
+  if (source == nullptr) return Fail(error);
+  if (source->frameCount() > 1 && !numbered) {
+    return Fail(std::to_string(source->frameCount()) + " frames need a numbered output name, " +
+                "e.g. -o frame%03d.png");
+  }
+
+  const FrameGeometry shown = scale != nullptr ? *scale : geometry;
+  std::vector<uint8_t> frame(geometry.frameBytes());
+  for (size_t n = 1; n <= source->frameCount(); ++n) {
+    std::unique_ptr<AtomicOutput> out =
+        AtomicOutput::Create(OutputPathFor(common.output, numbered, n), &error);
+    if (out == nullptr || !source->next(frame.data(), &error)) return Fail(error);
+    const std::vector<uint8_t> rgb =
+        FrameToRgb(scale != nullptr ? ScaleFrame(frame, geometry, *scale).data() : frame.data(),
+                   shown, order);
+    if (!WritePng(*out, rgb.data(), shown.width, shown.height, &error) || !out->commit(&error)) {
+      return Fail(error);
+    }
+  }
+  return 0;
+}
+
+// PNG images to one raw file of frames back to back.
+int ConvertPngToFrames(const ParsedArgs& parsed, const CommonOptions& common,
+                       const FrameGeometry* scale) {
+  if (common.kind == OutputKind::kPng) {
+    return Fail("PNG input converts to raw frames (give -o NAME.nv12, .nv21 or .yuv)");
+  }
+  if (parsed.has("--size")) return Fail("--size is for raw input; a PNG carries its own size");
+  ChromaOrder order = common.kind == OutputKind::kNv21 ? ChromaOrder::kNv21 : ChromaOrder::kNv12;
+  if (parsed.has("--format")) {
+    ChromaOrder asked;
+    if (!ParseChromaOrder(parsed.value("--format"), &asked)) {
+      return Fail("--format '" + parsed.value("--format") + "': unknown format (use nv12 or nv21)");
+    }
+    if (common.kind != OutputKind::kRaw && asked != order) {
+      return Fail("--format " + parsed.value("--format") + " contradicts the output " +
+                  common.output);
+    }
+    order = asked;
+  }
+
+  std::string error;
+  std::unique_ptr<AtomicOutput> out = AtomicOutput::Create(common.output, &error);
+  if (out == nullptr) return Fail(error);
+  FrameGeometry first;
+  for (const std::string& path : parsed.positional) {
+    RgbImage image;
+    if (!ReadPngFile(path, &image, &error)) return Fail(error);
+    const FrameGeometry geometry{image.width, image.height};
+    const std::string size = std::to_string(image.width) + "x" + std::to_string(image.height);
+    if (image.width % 2 != 0 || image.height % 2 != 0 || image.width > kMaxSide ||
+        image.height > kMaxSide) {
+      return Fail(path + ": " + size + ": NV12/NV21 needs even sides of at most " +
+                  std::to_string(kMaxSide));
+    }
+    if (first.width == 0) first = geometry;
+    if (scale == nullptr && (geometry.width != first.width || geometry.height != first.height)) {
+      return Fail(path + ": " + size + " differs from the first image's " +
+                  std::to_string(first.width) + "x" + std::to_string(first.height) +
+                  " (give --scale WxH)");
+    }
+    std::vector<uint8_t> frame = RgbToFrame(image, order);
+    if (scale != nullptr) frame = ScaleFrame(frame, geometry, *scale);
+    if (std::fwrite(frame.data(), 1, frame.size(), out->file()) != frame.size()) {
+      return Fail(common.output + ": cannot write the output file: " + std::strerror(errno));
+    }
+  }
+  return out->commit(&error) ? 0 : Fail(error);
+}
+
+int Convert(const std::vector<std::string>& args) {
+  std::vector<KnownOption> known = kRunOptions;
+  known.push_back({nullptr, "--size", true});
+  known.push_back({nullptr, "--format", true});
+  known.push_back({nullptr, "--scale", true});
+  ParsedArgs parsed;
+  std::string error;
+  if (!ParseArgs(args, known, "convert", &parsed, &error)) return Fail(error);
+  if (parsed.has("--help")) {
+    std::fputs(kConvertUsage, stdout);
+    return 0;
+  }
+  CommonOptions common;
+  if (!ReadCommonOptions(parsed, &common, &error)) return Fail(error);
+  if (parsed.positional.empty()) return Fail("no input files (give raw frame files or PNG images)");
+  FrameGeometry scale;
+  if (parsed.has("--scale") && !ParseSize(parsed.value("--scale"), &scale, &error)) {
+    return Fail("--scale '" + parsed.value("--scale") + "': " + error);
+  }
+  const FrameGeometry* scale_to = parsed.has("--scale") ? &scale : nullptr;
+
+  // The inputs' kind goes by their names, like the output's: all PNG or all raw.
+  size_t pngs = 0;
+  for (const std::string& path : parsed.positional) {
+    OutputKind kind;
+    if (OutputKindForPath(path, &kind) && kind == OutputKind::kPng) ++pngs;
+  }
+  if (pngs != 0 && pngs != parsed.positional.size()) {
+    return Fail("inputs mix PNG images and raw frames; convert them separately");
+  }
+  if (!common.verbose) g_stdout = SetStdoutAsideFromLibrary();
+  return pngs != 0 ? ConvertPngToFrames(parsed, common, scale_to)
+                   : ConvertFramesToPng(parsed, common, scale_to);
+}
+
 int Main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) return Fail("missing command (see 'velmora --help')");
@@ -347,6 +497,7 @@ int Main(int argc, char** argv) {
   }
   if (command == "longexp") return Longexp(rest);
   if (command == "demo") return Demo(rest);
+  if (command == "convert") return Convert(rest);
   if (command.size() > 1 && command[0] == '-') {
     return Fail("unknown option '" + command + "' (see 'velmora --help')");
   }
