@@ -10,6 +10,11 @@ if(VELMORA_SANITIZE)
   add_link_options(-fsanitize=${VELMORA_SANITIZE})
 endif()
 
+# The fuzzers need the library's own code instrumented for coverage, not only the harnesses.
+if(VELMORA_BUILD_FUZZERS)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 option(VELMORA_WERROR "Treat warnings as errors" OFF)
 if(VELMORA_WERROR)
   add_compile_options(-Werror)

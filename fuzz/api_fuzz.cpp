@@ -1,0 +1,187 @@
+// The table of operations as an app drives it: any order of calls, arbitrary frame records, null
+// images and null output planes. The harness keeps to what the library trusts its caller for:
+// a run's later frames are no larger than its first (the means are sized by it), the first frame
+// is folded in before the second is handed in, output planes hold the largest frame, and a
+// handle is stopped before it is started again or released.
+#include <semaphore.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "common/threadPool.h"
+#include "fuzz_input.h"
+#include "velmora/flowing_water.h"
+
+namespace {
+
+using velmora::fuzz::FuzzInput;
+using velmora::fuzz::SeedWriter;
+
+constexpr int kMaxSide = 48;
+constexpr uint32_t kPlaneCap = kMaxSide * kMaxSide;
+// Each start and stop creates and joins the worker thread: a cap on the calls keeps an input fast.
+constexpr int kMaxOps = 40;
+
+enum Op { kInit, kParams, kStart, kFrame, kResult, kStop, kRelease, kNullHandle, kOpCount };
+
+// The pool runs its jobs in order on one worker: a job queued behind a frame runs once that
+// frame is folded in.
+void WaitForFold() {
+  sem_t done;
+  sem_init(&done, 0, 0);
+  ThreadPool::instance()->submit(
+      pool_worker_job_t{[](void* s) { sem_post(static_cast<sem_t*>(s)); }, &done});
+  sem_wait(&done);
+  sem_destroy(&done);
+}
+
+struct App {
+  flowing_water_api api{};
+  void* handle = nullptr;
+  bool running = false;
+  uint32_t accepted = 0;   // frames of this run the library took
+  uint32_t cap[2] = {};    // plane sizes of this run's first frame
+  std::vector<uint8_t> out[2] = {std::vector<uint8_t>(kPlaneCap), std::vector<uint8_t>(kPlaneCap)};
+
+  void Frame(FuzzInput& in) {
+    image frame{};
+    frame.attr0 = static_cast<uint32_t>(in.Raw(4));
+    frame.plane_num = in.Range(0, 7) == 0 ? static_cast<uint32_t>(in.Raw(4)) : 2;
+    const int f = in.Range(0, 7);
+    frame.format = f == 0 ? static_cast<uint32_t>(in.Raw(4)) : f < 4 ? 4 : 5;
+    const bool null_image = in.Range(0, 15) == 0;
+    const bool takes = running && !null_image && frame.plane_num == 2 &&
+                       (frame.format == 4 || frame.format == 5);
+    std::vector<uint8_t> planes[2];
+    for (int p = 0; p < 2; ++p) {
+      image_plane& plane = frame.planes[p];
+      plane.attr0 = static_cast<uint32_t>(in.Raw(4));
+      plane.width = in.Range(0, kMaxSide);
+      plane.height = in.Range(0, kMaxSide);
+      if (takes && accepted > 0 && plane.width * plane.height > cap[p])
+        plane.height = plane.width ? cap[p] / plane.width : 0;
+      planes[p] = in.Bytes(plane.width * plane.height);
+      plane.data = planes[p].empty() ? nullptr : planes[p].data();
+    }
+    rect roi{in.Range(-9, 9), in.Range(-9, 9), in.Range(0, 99), in.Range(0, 99)};
+    // Only the run's first frame reads its rect.
+    rect* roi_arg = accepted > 0 && in.Bool() ? nullptr : &roi;
+    api.process_image(handle, null_image ? nullptr : &frame, roi_arg);
+    if (!takes) return;
+    if (accepted++ == 0) {
+      for (int p = 0; p < 2; ++p) cap[p] = frame.planes[p].width * frame.planes[p].height;
+      WaitForFold();
+    }
+  }
+
+  void Result(FuzzInput& in) {
+    image result{};
+    for (int p = 0; p < 2; ++p) result.planes[p].data = in.Range(0, 7) ? out[p].data() : nullptr;
+    rect roi{};
+    api.get_process_image_result(handle, in.Range(0, 15) ? &result : nullptr, &roi);
+  }
+
+  void Stop() {
+    api.stop_process(handle);
+    running = false;
+  }
+};
+
+int Run(FuzzInput& in) {
+  App app;
+  flowing_water_get_API(&app.api);
+  app.api.get_version();
+  for (int ops = 0; ops < kMaxOps && in.remaining() > 0; ++ops) {
+    switch (in.Range(0, kOpCount - 1)) {
+      case kInit:
+        if (!app.handle) app.handle = app.api.init_handle();
+        break;
+      case kParams:
+        app.api.set_base_parameters(app.handle, nullptr);  // the record is never read
+        break;
+      case kStart:
+        if (!app.handle || app.running) break;
+        app.api.start_process(app.handle);
+        app.running = true;
+        app.accepted = 0;
+        break;
+      case kFrame:
+        if (app.handle) app.Frame(in);
+        break;
+      case kResult:
+        if (app.handle) app.Result(in);
+        break;
+      case kStop:
+        if (app.handle) app.Stop();  // also on a stopped handle
+        break;
+      case kRelease:
+        if (!app.handle) break;
+        if (app.running) app.Stop();
+        app.api.release_handle(app.handle);
+        app.handle = nullptr;
+        break;
+      case kNullHandle: {
+        image frame{};
+        rect roi{};
+        app.api.set_log_status(static_cast<char>(in.Byte()));
+        app.api.start_process(nullptr);
+        app.api.process_image(nullptr, &frame, &roi);
+        app.api.get_process_image_result(nullptr, &frame, &roi);
+        app.api.stop_process(nullptr);
+        app.api.release_handle(nullptr);
+        break;
+      }
+    }
+  }
+  if (app.handle) {
+    if (app.running) app.Stop();
+    app.api.release_handle(app.handle);
+  }
+  return 0;
+}
+
+// A plain session: init, start, frames of one size, a result, stop, restart, release.
+velmora::fuzz::Seeds MakeSeeds() {
+  velmora::fuzz::Seeds seeds;
+  for (int side : {2, 9, 48}) {
+    SeedWriter w;
+    w.Byte(0);  // the ISA
+    for (int op : {kInit, kParams, kStart}) w.Range(op, 0, kOpCount - 1);
+    for (int i = 0; i < 3; ++i) {
+      w.Range(kFrame, 0, kOpCount - 1);
+      w.Raw(7, 4);
+      w.Range(1, 0, 7);         // plane_num 2
+      w.Range(1 + 4 * i % 7, 0, 7);  // format 4 or 5
+      w.Range(1, 0, 15);        // an image
+      for (int p = 0; p < 2; ++p) {
+        const int height = p == 0 ? side : side / 2;
+        w.Raw(p, 4);
+        w.Range(side, 0, kMaxSide);
+        w.Range(height, 0, kMaxSide);
+        for (int k = 0; k < side * height; ++k) w.Byte(static_cast<uint8_t>(k * 37 + i * 50));
+      }
+      for (int v : {1, 2, 3, 4}) w.Range(v, v < 3 ? -9 : 0, v < 3 ? 9 : 99);
+      if (i > 0) w.Byte(0);
+      w.Range(kResult, 0, kOpCount - 1);
+      w.Range(1, 0, 7);
+      w.Range(1, 0, 7);
+      w.Range(1, 0, 15);
+    }
+    for (int op : {kStop, kStart, kStop, kNullHandle}) w.Range(op, 0, kOpCount - 1);
+    w.Byte(1);
+    w.Range(kRelease, 0, kOpCount - 1);
+    seeds.push_back(w.out);
+  }
+  return seeds;
+}
+
+}  // namespace
+
+VELMORA_FUZZ_SEEDS(MakeSeeds)
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FuzzInput in(data, size);
+  velmora::ScopedIsa isa(in.PickIsa());
+  return Run(in);
+}
