@@ -61,7 +61,8 @@ struct App {
       plane.height = in.Range(0, kMaxSide);
       if (takes && accepted > 0 && plane.width * plane.height > cap[p])
         plane.height = plane.width ? cap[p] / plane.width : 0;
-      planes[p] = in.Bytes(plane.width * plane.height);
+      planes[p].resize(plane.width * plane.height);
+      in.Fill(planes[p].data(), planes[p].size());
       plane.data = planes[p].empty() ? nullptr : planes[p].data();
     }
     rect roi{in.Range(-9, 9), in.Range(-9, 9), in.Range(0, 99), in.Range(0, 99)};

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,23 @@ inline int SpanBytes(int64_t lo, int64_t hi) {
   const uint64_t span = static_cast<uint64_t>(hi - lo);
   return span < 0x100 ? 1 : span < 0x10000 ? 2 : 4;
 }
+
+// A buffer of exactly n elements that is never null, not even for n = 0 (an app's empty plane
+// still has an address), so AddressSanitizer sees any access beyond its end.
+template <typename T>
+class Buffer {
+ public:
+  explicit Buffer(size_t n, T fill = T()) : data_(new T[n]), size_(n) {
+    for (size_t i = 0; i < n; ++i) data_[i] = fill;
+  }
+  T* data() { return data_.get(); }
+  size_t size() const { return size_; }
+  T& operator[](size_t i) { return data_[i]; }
+
+ private:
+  std::unique_ptr<T[]> data_;
+  size_t size_;
+};
 
 class FuzzInput {
  public:
@@ -64,8 +82,8 @@ class FuzzInput {
     pos_ += take;
     for (size_t i = take; i < n; ++i) dst[i] = take ? dst[i - take] : 0;
   }
-  std::vector<uint8_t> Bytes(size_t n) {
-    std::vector<uint8_t> v(n);
+  Buffer<uint8_t> Bytes(size_t n) {
+    Buffer<uint8_t> v(n);
     Fill(v.data(), n);
     return v;
   }
