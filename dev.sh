@@ -5,8 +5,9 @@
 #   ./dev.sh asan             every test under AddressSanitizer and UBSan
 #   ./dev.sh tsan             every test under ThreadSanitizer
 #   ./dev.sh cross            cross-build for arm64 and run the tests under qemu-aarch64
-#   ./dev.sh fuzz [SECONDS]   build the libFuzzer targets (clang), replay the kept findings under
-#                             fuzz/regressions/, then fuzz each target SECONDS (20) from its seeds
+#   ./dev.sh fuzz [SECONDS [TARGET...]]  build the libFuzzer targets (clang), replay the kept
+#                             findings under fuzz/regressions/, then fuzz each target (all by
+#                             default) for SECONDS (20) from its seeds
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -32,17 +33,21 @@ build() {  # build PRESET
   cmake --build --preset "$1" -j "$jobs"
 }
 
-# Replays fuzz/regressions/<target>/ and fuzzes every target for $1 seconds from the seeds it
+# Replays fuzz/regressions/<target>/ and fuzzes each target named after $1 (every one when none
+# is) for $1 seconds from the seeds it
 # writes itself; any crash, leak or undefined behaviour fails the run and leaves its input under
 # build-fuzz/fuzz-run/<target>/artifacts/.
 run_fuzzers() {
-  local work=build-fuzz/fuzz-run passed=0 failed=0
-  rm -rf "$work"
+  local work=build-fuzz/fuzz-run passed=0 failed=0 seconds=$1 exes=()
+  shift
+  for name in "$@"; do exes+=("build-fuzz/bin/${name}_fuzz"); done
+  [ $# -gt 0 ] || exes=(build-fuzz/bin/*_fuzz)
   export ASAN_OPTIONS="abort_on_error=1" UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
   export LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp"
-  for exe in build-fuzz/bin/*_fuzz; do
+  for exe in "${exes[@]}"; do
     local name ok=1
     name=$(basename "$exe" _fuzz)
+    rm -rf "${work:?}/$name"
     mkdir -p "$work/$name/seeds" "$work/$name/corpus" "$work/$name/artifacts"
     VELMORA_FUZZ_SEEDS="$work/$name/seeds" "$exe"
     local flags=(-close_fd_mask=1 -timeout=10 -rss_limit_mb=2048
@@ -51,7 +56,7 @@ run_fuzzers() {
       "$exe" "${flags[@]}" fuzz/regressions/"$name"/* 2>"$work/$name/replay.log" ||
         { ok=0; tail -n 40 "$work/$name/replay.log"; }
     fi
-    "$exe" "${flags[@]}" -max_total_time="$1" "$work/$name/corpus" "$work/$name/seeds" \
+    "$exe" "${flags[@]}" -max_total_time="$seconds" "$work/$name/corpus" "$work/$name/seeds" \
       2>"$work/$name/fuzz.log" || { ok=0; tail -n 40 "$work/$name/fuzz.log"; }
     echo "fuzz: $name: $(grep -ho 'Done [0-9]* runs in [0-9]* second' "$work/$name/fuzz.log")"
     if [ $ok -eq 1 ]; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
@@ -92,7 +97,7 @@ case "${1:-}" in
   fuzz)
     install_missing cmake make clang libclang-rt-14-dev libpng-dev zlib1g-dev
     build fuzz
-    run_fuzzers "${2:-20}"
+    run_fuzzers "${2:-20}" "${@:3}"
     ;;
   *)
     awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print } /^set/ { exit }' "$0"
