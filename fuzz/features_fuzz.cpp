@@ -20,8 +20,11 @@ void Run(FuzzInput& in) {
   const int width = in.Range(0, kMaxSide), height = in.Range(0, kMaxSide);
   switch (fn) {
     case kCorners: {
-      const int max_corners = in.Range(-2, 600), min_distance = in.Range(-2, 80);
-      const int block_size = in.Range(-1, 7);
+      // Mostly sizes an app passes, now and then any int.
+      const bool any = in.Range(0, 7) == 0;
+      const int max_corners = any ? static_cast<int>(in.Raw(4)) : in.Range(-2, 600);
+      const int min_distance = any ? static_cast<int>(in.Raw(4)) : in.Range(-2, 80);
+      const int block_size = any ? static_cast<int>(in.Raw(4)) : in.Range(-1, 7);
       const double quality = in.Bool() ? in.Double() : in.Range(0, 100) / 100.0;
       Buffer<uint8_t> img = in.Bytes(static_cast<size_t>(width) * height);
       std::vector<Pointf> corners;
@@ -41,6 +44,7 @@ velmora::fuzz::Seeds MakeSeeds() {
     w.Range(40, 0, kMaxSide);
     w.Range(30, 0, kMaxSide);
     if (fn == kCorners) {
+      w.Range(1, 0, 7);
       w.Range(50, -2, 600);
       w.Range(5, -2, 80);
       w.Range(3, -1, 7);

@@ -14,7 +14,7 @@ using velmora::fuzz::FuzzInput;
 using velmora::fuzz::SeedWriter;
 
 constexpr int kMaxPoints = 48;
-enum Fn { kFind, kKernel, kJacobi, kUtils, kFnCount };
+enum Fn { kFind, kRansac, kKernel, kJacobi, kUtils, kFnCount };
 enum Points { kExact, kBits, kGrid, kCollinear, kPointsCount };
 
 // dst = G·src for a G near the identity, or points of one of the degenerate kinds.
@@ -52,12 +52,28 @@ void Run(FuzzInput& in) {
       rng = in.Raw(8);  // the generator is the estimator's one state: the input sets it
       checkPartialSubsets = in.Range(0, 7) == 0;
       const int count = in.Range(0, kMaxPoints);
-      const double threshold = in.Range(-1, 8) / 2.0;
+      const double threshold = in.Range(0, 7) ? in.Range(-1, 8) / 2.0 : in.Double();
       std::vector<Point2D64f> src(count), dst(count);
       ReadPoints(in, src, dst);
       double H[9] = {};
       findHomography(src, dst, H, threshold, count);
       checkPartialSubsets = false;
+      break;
+    }
+    case kRansac: {
+      // Any model size, confidence and iteration budget.
+      rng = in.Raw(8);
+      const int count = in.Range(0, kMaxPoints), model_points = in.Range(1, 9);
+      const double threshold = in.Double(), confidence = in.Double();
+      const int max_iters = in.Range(-2, 200);
+      std::vector<Point2D64f> src(count), dst(count);
+      ReadPoints(in, src, dst);
+      std::vector<unsigned char> mask(count);
+      double model[9] = {};
+      runRANSAC(count, model_points, src.data(), dst.data(), model, mask.data(), threshold,
+                confidence, max_iters);
+      checkSubset(src.data(), count);
+      RANSACUpdateNumIters(confidence, threshold, model_points, max_iters);
       break;
     }
     case kKernel: {

@@ -262,6 +262,8 @@ TEST(RansacIterations, UpdateFigures) {
       {1.0, 0.5, 1000, 1000},    // certainty: log(DBL_MIN) is far beyond the cap
       {1.5, 0.5, 1000, 1000},    // clamped to 1
       {0.0, 0.5, 1000, 0},       // no confidence asked: log(1) = 0
+      {NAN, 0.5, 1000, 1000},    // a NaN keeps the budget
+      {0.995, NAN, 1000, 1000},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(RANSACUpdateNumIters(c.p, c.ep, 4, c.max_iters), c.expected) << c.p << " " << c.ep;

@@ -81,7 +81,9 @@ int UpdateNumIters(double log_num, double ep, int model_points, int cap) {
   double denom = 1.0 - std::pow(1.0 - ep, model_points);
   if (denom < DBL_MIN) return 0;
   denom = std::log(denom);
-  if (denom >= 0.0 || log_num <= denom * cap) return cap;
+  // Written as "not above" so that a NaN (a NaN confidence or ep slips through the clamps)
+  // keeps the budget instead of reaching the int conversion, which has no value for it.
+  if (denom >= 0.0 || !(log_num > denom * cap)) return cap;
   return static_cast<int>(std::round(log_num / denom));  // half away from zero
 }
 
