@@ -1,7 +1,6 @@
 #include "image_writer.h"
 
 #include <fcntl.h>
-#include <png.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +11,9 @@
 #include <csignal>
 #include <cstring>
 #include <utility>
+
+#include "interrupt.h"
+#include "picture_encoders.h"
 
 namespace velmora::tool {
 
@@ -31,30 +33,6 @@ uint8_t RoundAndClamp(double value) {
   return static_cast<uint8_t>(std::clamp(std::floor(value + 0.5), 0.0, 255.0));
 }
 
-// The temporary file in progress, for the signal handler: a fixed buffer and a flag, because a
-// handler may touch nothing else.
-char g_temp_path[4096];
-volatile sig_atomic_t g_temp_pending = 0;
-
-extern "C" void RemoveTemporaryAndDie(int signal) {
-  if (g_temp_pending) unlink(g_temp_path);
-  std::signal(signal, SIG_DFL);
-  std::raise(signal);
-}
-
-void GuardTemporary(const std::string& temp_path) {
-  static const bool installed = [] {
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, RemoveTemporaryAndDie);
-    return true;
-  }();
-  (void)installed;
-  if (temp_path.size() < sizeof g_temp_path) {
-    std::memcpy(g_temp_path, temp_path.c_str(), temp_path.size() + 1);
-    g_temp_pending = 1;
-  }
-}
-
-void ReleaseTemporary() { g_temp_pending = 0; }
 
 }  // namespace
 
@@ -65,6 +43,8 @@ bool OutputKindForPath(const std::string& path, OutputKind* kind) {
       {".nv12", OutputKind::kNv12},
       {".nv21", OutputKind::kNv21},
       {".png", OutputKind::kPng},
+      {".jpg", OutputKind::kJpeg},
+      {".jpeg", OutputKind::kJpeg},
   };
   for (const auto& [extension, named] : kExtensions) {
     // A bare ".png" is a hidden file's name, not an extension.
@@ -175,17 +155,18 @@ bool AtomicOutput::commit(std::string* error) {
 }
 
 bool WritePicture(AtomicOutput& out, OutputKind kind, const std::vector<uint8_t>& picture,
-                  FrameGeometry geometry, ChromaOrder order, std::string* error) {
-  if (kind == OutputKind::kPng) {
-    const std::vector<uint8_t> rgb = FrameToRgb(picture.data(), geometry, order);
-    png_image png{};
-    png.version = PNG_IMAGE_VERSION;
-    png.width = geometry.width;
-    png.height = geometry.height;
-    png.format = PNG_FORMAT_RGB;
-    const bool ok = png_image_write_to_stdio(&png, out.file(), 0, rgb.data(), 0, nullptr) != 0;
-    if (!ok) *error = out.path() + ": cannot encode PNG: " + png.message;
-    png_image_free(&png);
+                  FrameGeometry geometry, ChromaOrder order, std::string* error,
+                  int jpeg_quality) {
+  if (kind == OutputKind::kPng || kind == OutputKind::kJpeg) {
+    std::string why;
+    bool ok;
+    if (kind == OutputKind::kPng) {
+      const std::vector<uint8_t> rgb = FrameToRgb(picture.data(), geometry, order);
+      ok = EncodePng(out.file(), rgb.data(), geometry.width, geometry.height, 3, &why);
+    } else {
+      ok = EncodeJpeg(out.file(), picture.data(), geometry, order, jpeg_quality, &why);
+    }
+    if (!ok) *error = out.path() + ": cannot write the output file: " + why;
     return ok;
   }
 

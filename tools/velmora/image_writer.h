@@ -1,4 +1,4 @@
-// The picture written out: as PNG, or raw in either chroma order, always through a temporary
+// The picture written out: as PNG, JPEG, or raw in either chroma order, always through a temporary
 // file that replaces the destination only once complete.
 #ifndef VELMORA_TOOL_IMAGE_WRITER_H
 #define VELMORA_TOOL_IMAGE_WRITER_H
@@ -18,7 +18,10 @@ enum class OutputKind {
   kNv12,  // .nv12: raw, U first
   kNv21,  // .nv21: raw, V first
   kPng,   // .png: 8-bit RGB
+  kJpeg,  // .jpg, .jpeg: baseline JPEG, 4:2:0
 };
+
+constexpr int kDefaultJpegQuality = 95;
 
 // The kind that the extension of path names (case does not matter); false if none.
 bool OutputKindForPath(const std::string& path, OutputKind* kind);
@@ -60,9 +63,11 @@ class AtomicOutput {
   std::FILE* file_;
 };
 
-// Writes picture (a frame of the given geometry and chroma order) as kind into out.
+// Writes picture (a frame of the given geometry and chroma order) as kind into out; a JPEG at
+// jpeg_quality (1..100).
 bool WritePicture(AtomicOutput& out, OutputKind kind, const std::vector<uint8_t>& picture,
-                  FrameGeometry geometry, ChromaOrder order, std::string* error);
+                  FrameGeometry geometry, ChromaOrder order, std::string* error,
+                  int jpeg_quality = kDefaultJpegQuality);
 
 }  // namespace velmora::tool
 
