@@ -215,7 +215,8 @@ std::unique_ptr<FrameSource> OpenInputs(const std::vector<std::string>& paths,
   const size_t held = sequence->frameCount();
   auto source = std::make_unique<Selection>(std::move(sequence), options);
   if (source->frameCount() == 0) {
-    *error = "no frames selected: the inputs hold " + std::to_string(held) + " frames and --start " +
+    *error = "no frames selected: the inputs hold " + std::to_string(held) +
+             (held == 1 ? " frame" : " frames") + " and --start " +
              std::to_string(options.start) + " skips them all";
     return nullptr;
   }

@@ -42,7 +42,9 @@ void InstallInterruptHandlers() {
   struct sigaction action;
   std::memset(&action, 0, sizeof action);
   action.sa_handler = OnInterrupt;
-  sigemptyset(&action.sa_mask);
+  // One handler at a time: a second signal waits for the first handler, so it always finds the
+  // stop already asked for.
+  action.sa_mask = InterruptSet();
   action.sa_flags = 0;  // no SA_RESTART: a read blocked on a pipe must come back
   for (int signal : kSignals) sigaction(signal, &action, nullptr);
 }

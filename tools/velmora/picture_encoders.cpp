@@ -27,7 +27,7 @@ bool WriteChunk(std::FILE* out, const char type[4], const uint8_t* data, size_t 
   PutBigEndian(head, uint32_t(size));
   std::memcpy(head + 4, type, 4);
   uint32_t crc = libdeflate_crc32(0, head + 4, 4);
-  crc = libdeflate_crc32(crc, data, size);
+  if (size > 0) crc = libdeflate_crc32(crc, data, size);  // (a null buffer restarts the sum)
   uint8_t tail[4];
   PutBigEndian(tail, crc);
   return std::fwrite(head, 1, 8, out) == 8 && std::fwrite(data, 1, size, out) == size &&
