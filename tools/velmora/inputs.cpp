@@ -14,7 +14,7 @@
 #include "image_writer.h"
 #include "interrupt.h"
 #include "picture_reader.h"
-#include "video_reader.h"
+#include "video_module.h"
 
 namespace velmora::tool {
 
@@ -75,12 +75,18 @@ bool Classify(const std::string& path, const InputOptions& options, Input* input
     }
     // Given a frame size, a file whose first bytes no container claims is raw frames: a full
     // probe reads a megabyte and tries every demuxer, tens of milliseconds a frame file.
-    looks_like_video = LooksLikeVideo(path, head, n > 0 ? size_t(n) : 0);
-    if (!raw && options.has_size && !looks_like_video) raw = true;
+    if (!raw) {
+      const VideoModule* videos = LoadVideoModule(error);
+      if (videos == nullptr) return false;
+      looks_like_video = videos->looks_like_video(path, head, n > 0 ? size_t(n) : 0);
+      if (options.has_size && !looks_like_video) raw = true;
+    }
   }
   if (!raw) {
+    const VideoModule* videos = LoadVideoModule(error);
+    if (videos == nullptr) return false;
     bool recognised = false;
-    std::unique_ptr<VideoSource> video = VideoSource::Open(path, looks_like_video, &recognised, error);
+    std::unique_ptr<FrameSource> video = videos->open(path, looks_like_video, &recognised, error);
     if (video != nullptr) {
       input->kind = InputKind::kVideo;
       input->frames = video->frameCount();

@@ -14,6 +14,7 @@ extern "C" {
 #include <mutex>
 
 #include "interrupt.h"
+#include "video_module.h"
 
 namespace velmora::tool {
 
@@ -414,4 +415,20 @@ bool VideoSource::convert(uint8_t* frame, std::string* error) {
   return true;
 }
 
+namespace {
+
+std::unique_ptr<FrameSource> OpenVideo(const std::string& path, bool looks_like_video,
+                                       bool* recognised, std::string* error) {
+  return VideoSource::Open(path, looks_like_video, recognised, error);
+}
+
+const VideoModule kModule = {LooksLikeVideo, OpenVideo};
+
+}  // namespace
+
 }  // namespace velmora::tool
+
+extern "C" __attribute__((visibility("default"))) const velmora::tool::VideoModule*
+velmora_video_module() {
+  return &velmora::tool::kModule;
+}
