@@ -82,6 +82,8 @@ bool Classify(const std::string& path, const InputOptions& options, Input* input
       if (options.has_size && !looks_like_video) raw = true;
     }
   }
+  // A pipe cannot be probed and then read from the start, so given a frame size it is raw.
+  if (!S_ISREG(info.st_mode) && options.has_size) raw = true;
   if (!raw) {
     const VideoModule* videos = LoadVideoModule(error);
     if (videos == nullptr) return false;
