@@ -250,8 +250,7 @@ bool VideoSource::decode(std::string* error) {
     }
     status = av_read_frame(format_, packet_);
     if (status == AVERROR_EOF) {
-      draining_ = true;
-      avcodec_send_packet(codec_, nullptr);
+      avcodec_send_packet(codec_, nullptr);  // drains the decoder; then receive says EOF
       continue;
     }
     if (status < 0) {

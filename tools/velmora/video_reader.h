@@ -55,7 +55,6 @@ class VideoSource final : public FrameSource {
   AVFrame* planar_ = nullptr;  // other layouts and depths, brought to 8-bit 4:2:0 first
   SwsContext* sws_ = nullptr;
   int stream_ = -1;
-  bool draining_ = false;
   // The colour conversion of the current colour description (see ColourTables).
   int tables_for_ = -1;
   std::vector<int32_t> tables_;
