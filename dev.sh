@@ -5,6 +5,7 @@
 #   ./dev.sh asan             every test under AddressSanitizer and UBSan
 #   ./dev.sh tsan             every test under ThreadSanitizer
 #   ./dev.sh cross            cross-build for arm64 and run the tests under qemu-aarch64
+#   ./dev.sh footage-bench    time whole tool runs on generated footage (bench/footage.sh)
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -23,7 +24,9 @@ install_missing() {
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-base_packages=(cmake make g++ libgtest-dev libbenchmark-dev libpng-dev zlib1g-dev)
+# The tool's readers and writers: FFmpeg's libraries, libjpeg-turbo, libpng, libdeflate.
+base_packages=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libpng-dev zlib1g-dev
+  libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libturbojpeg0-dev libdeflate-dev)
 
 build() {  # build PRESET
   cmake --preset "$1" >/dev/null
@@ -58,6 +61,11 @@ case "${1:-}" in
     build aarch64
     ctest --preset aarch64
     VELMORA_ISA=scalar ctest --preset aarch64
+    ;;
+  footage-bench)
+    install_missing "${base_packages[@]}" ffmpeg imagemagick hyperfine time
+    build release
+    bench/footage.sh
     ;;
   *)
     awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print } /^set/ { exit }' "$0"

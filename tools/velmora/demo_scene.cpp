@@ -231,7 +231,7 @@ DemoScene::DemoScene()
 
 bool DemoScene::next(uint8_t* frame, std::string* error) {
   if (next_frame_ >= kFrames) {
-    *error = "no frames left";
+    error->clear();
     return false;
   }
   const float t = static_cast<float>(next_frame_++);

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "common/threadPool.h"
+#include "interrupt.h"
 #include "velmora/flowing_water.h"
 
 namespace velmora::tool {
@@ -86,36 +87,41 @@ image FrameRecord(FrameGeometry geometry, ChromaOrder order, uint8_t* data) {
 }  // namespace
 
 bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vector<uint8_t>* picture,
-                     std::string* error) {
+                     RunSummary* summary, std::string* error) {
   const FrameGeometry geometry = source.geometry();
-  const size_t total = source.frameCount();
-  if (total == 0) {
-    *error = "no frames to fold in";
-    return false;
-  }
   // Allocated before the run starts, so running out of memory here leaves nothing to undo.
   std::vector<uint8_t> buffer(geometry.frameBytes());
   picture->assign(geometry.frameBytes(), 0);
 
   flowing_water_api api{};
   flowing_water_get_API(&api);
-  void* handle = api.init_handle();
+  void* handle = nullptr;
+  {
+    // The library's worker starts here; the signals must keep landing on this thread.
+    InterruptsDeferred deferred;
+    handle = api.init_handle();
+    if (handle != nullptr) {
+      api.set_base_parameters(handle, nullptr);
+      api.start_process(handle);
+    }
+  }
   if (handle == nullptr) {
     // Without a handle nothing starts the pool, and the markers below would never run.
     *error = "out of memory creating the processing handle";
     return false;
   }
-  api.set_base_parameters(handle, nullptr);
-  api.start_process(handle);
 
   image frame = FrameRecord(geometry, source.order(), buffer.data());
   rect roi{0, 0, static_cast<int32_t>(geometry.width), static_cast<int32_t>(geometry.height)};
-  FoldTracker tracker(progress, total);
+  FoldTracker tracker(progress, source.frameCount());
   bool ok = true;
-  for (size_t i = 0; i < total; ++i) {
-    // Read while the worker folds the frames already handed in.
-    if (!source.next(buffer.data(), error)) {
-      ok = false;
+  error->clear();
+  for (size_t i = 0;; ++i) {
+    // Read while the worker folds the frames already handed in. A frame read in full is folded
+    // even if a stop came meanwhile.
+    if (StopRequested() || !source.next(buffer.data(), error)) {
+      ok = error->empty();
+      summary->stopped = ok && StopRequested();
       break;
     }
     // The run's first frame sets up the mean, so it must be folded in before the second is
@@ -133,6 +139,12 @@ bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vecto
   // stop_process drops frames still queued, so every frame handed in is waited for first. That
   // also keeps the tracker alive for as long as a marker may run.
   tracker.waitUntilFolded(tracker.marked());
+  summary->folded = tracker.marked();
+  if (ok && summary->folded == 0) {
+    *error = summary->stopped ? "stopped before any frame was folded in"
+                              : "no frames selected: the inputs end before the first one";
+    ok = false;
+  }
 
   if (ok) {
     image out = FrameRecord(geometry, source.order(), picture->data());
