@@ -1,0 +1,193 @@
+// Descriptors: the fast arctangent's worked values, the vote's once-only bin wrap, the value
+// range, translation invariance, and every batch path against calcDescriptor bit for bit.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "common/cpu.h"
+#include "registration/descriptors.h"
+#include "test_util.h"
+#include "velmora/features.h"
+
+namespace velmora {
+namespace {
+
+constexpr int kLen = 64;
+
+std::vector<float> ToFloats(const std::vector<uint8_t>& bytes) {
+  return std::vector<float>(bytes.begin(), bytes.end());
+}
+
+std::vector<float> Describe(std::vector<float>& img, Pointf pt, int width, int height) {
+  std::vector<float> out(kLen, -1.0f);
+  calcDescriptor(img.data(), pt, 4, 4, out.data(), width, height);
+  return out;
+}
+
+// A smooth random texture, so that neighbouring gradients agree as in a photograph.
+std::vector<uint8_t> Texture(int width, int height, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> u(0.0f, 1.0f);
+  const float fx = 0.05f + 0.3f * u(rng), fy = 0.05f + 0.3f * u(rng), phase = 6.0f * u(rng);
+  std::vector<uint8_t> img(static_cast<size_t>(width) * height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const float v = 128.0f + 60.0f * std::sin(fx * x + phase) * std::cos(fy * y) +
+                      40.0f * std::sin(0.7f * fx * y - 1.3f * fy * x) + 20.0f * u(rng);
+      img[static_cast<size_t>(y) * width + x] = static_cast<uint8_t>(std::fmin(v, 255.0f));
+    }
+  }
+  return img;
+}
+
+TEST(FastArctan, WorkedValuesInDegrees) {
+  struct Case {
+    float dy, dx, degrees;
+  };
+  const Case cases[] = {
+      {0, 0, 0.0f},      {0, 1, 0.0f},          {1, 0, 90.0f},         {0, -1, 180.0f},
+      {-1, 0, 270.0f},   {1, 1, 44.990456f},    {-1, -1, 224.99045f},  {1, 2, 26.567104f},
+      {-3, 4, 323.1363f}, {-0.0f, -1, 180.0f},  // negative zero is not negative
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(FastArctan(c.dy, c.dx), c.degrees) << "dy " << c.dy << " dx " << c.dx;
+  }
+}
+
+// One sample at about 0.5 degrees: 99.4 % of it stays in bin 0 of its own cell, the rest goes to
+// bin 1 of the preceding interior cell, or nowhere when the own cell is the first one; no bin 3
+// receives anything (the wrap is not applied twice).
+TEST(Descriptor, VoteBelowOneDegreeSpillsIntoThePrecedingCell) {
+  // A 3 x 3 float image has one interior pixel, so one sample: dx = 115, dy = 1 (up minus down).
+  std::vector<float> img = {0, 1, 0, 0, 0, 115, 0, 0, 0};
+  // The keypoint puts that sample at window offset (-2, -2): cells (0, 0) to (1, 1), small
+  // fractions towards row 1 and column 1.
+  const std::vector<float> desc = Describe(img, Pointf{3, 3}, 3, 3);
+  auto at = [&](int a, int b, int bin) { return desc[(a * 4 + b) * 4 + bin]; };
+
+  const double degrees = std::atan2(1.0, 115.0) * 180.0 / M_PI;  // 0.498
+  const double obin = (degrees - 361.0) * 4.0 / 360.0;
+  const double fo = obin - std::floor(obin);  // the share kept in bin 0, about 0.9944
+  EXPECT_NEAR(fo, 0.9944, 1e-3);
+  // Cell (1, 1) is the least weighted, so neither it nor its spill is clipped.
+  EXPECT_NEAR(at(1, 0, 1) / at(1, 1, 0), (1.0 - fo) / fo, 1e-5);
+  for (int a = 0; a < 4; ++a) {
+    for (int b = 0; b < 4; ++b) {
+      const bool own = a < 2 && b < 2;
+      EXPECT_EQ(at(a, b, 0) > 0, own) << a << "," << b;
+      // Bin 1 of a cell holds the spill of the next one; (0, 1) and (1, 1) have none after them,
+      // and the spill of (0, 0), the first cell, is lost.
+      EXPECT_EQ(at(a, b, 1) > 0, own && b == 0) << a << "," << b;
+      EXPECT_EQ(at(a, b, 2), 0.0f);
+      EXPECT_EQ(at(a, b, 3), 0.0f);
+    }
+  }
+}
+
+TEST(Descriptor, SixtyFourFiniteValuesInByteRange) {
+  const int w = 40, h = 30;
+  std::vector<float> img = ToFloats(testutil::RandomBytes(static_cast<size_t>(w) * h, 3));
+  const Pointf points[] = {{1, 1}, {0, 0}, {w - 2, h - 2}, {20, 15}, {w - 1, 5}};
+  for (const Pointf& pt : points) {
+    const std::vector<float> desc = Describe(img, pt, w, h);
+    float largest = 0.0f;
+    for (float v : desc) {
+      ASSERT_TRUE(std::isfinite(v)) << pt.x << "," << pt.y;
+      EXPECT_GE(v, 0.0f);
+      EXPECT_LE(v, 255.0f);
+      largest = std::fmax(largest, v);
+    }
+    EXPECT_GT(largest, 0.0f) << pt.x << "," << pt.y;
+  }
+  // A window wholly outside the interior has no samples: all zeros, not NaN.
+  for (float v : Describe(img, Pointf{-50, -50}, w, h)) EXPECT_EQ(v, 0.0f);
+}
+
+// The descriptor depends only on the pixels around the keypoint, wherever they are.
+TEST(Descriptor, ShiftedImageGivesTheSameDescriptorAtTheShiftedKeypoint) {
+  const int w = 48, h = 36, sx = 7, sy = 3;
+  const std::vector<uint8_t> bytes = Texture(w, h, 11);
+  std::vector<uint8_t> moved(bytes.size(), 0);
+  for (int y = 0; y + sy < h; ++y) {
+    for (int x = 0; x + sx < w; ++x) moved[(y + sy) * w + x + sx] = bytes[y * w + x];
+  }
+  std::vector<float> img = ToFloats(bytes), img_moved = ToFloats(moved);
+  for (const Pointf& pt : {Pointf{10, 10}, Pointf{20, 14}, Pointf{30, 25}}) {
+    EXPECT_EQ(Describe(img, pt, w, h), Describe(img_moved, Pointf{pt.x + sx, pt.y + sy}, w, h));
+  }
+}
+
+// genDescripter and the batch path of every kernel variant reproduce calcDescriptor over the
+// image converted to floats, keypoints at the borders and on images smaller than the window.
+TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
+  struct Size {
+    int w, h;
+  };
+  for (const Size s : {Size{2, 2}, Size{3, 3}, Size{5, 4}, Size{37, 23}, Size{64, 48}}) {
+    const std::vector<uint8_t> bytes = Texture(s.w, s.h, static_cast<uint32_t>(s.w * s.h));
+    std::vector<float> img = ToFloats(bytes);
+    std::vector<Pointf> keypoints;
+    for (int y = -1; y <= s.h; y += (s.h > 8 ? 3 : 1)) {
+      for (int x = -1; x <= s.w; x += (s.w > 8 ? 4 : 1)) keypoints.push_back(Pointf{x, y});
+    }
+    std::vector<float> expected;
+    for (const Pointf& pt : keypoints) {
+      const std::vector<float> d = Describe(img, pt, s.w, s.h);
+      expected.insert(expected.end(), d.begin(), d.end());
+    }
+    std::vector<float> got(expected.size());
+    std::vector<float*> slots;
+    for (size_t i = 0; i < keypoints.size(); ++i) slots.push_back(got.data() + i * kLen);
+    std::vector<uint8_t> input = bytes;
+    genDescripter(input.data(), keypoints, slots, s.w, s.h);
+    EXPECT_EQ(std::memcmp(got.data(), expected.data(), got.size() * sizeof(float)), 0)
+        << "genDescripter " << s.w << "x" << s.h;
+    for (Isa isa : AvailableIsas()) {
+      std::fill(got.begin(), got.end(), -1.0f);
+      DescribeKeypoints(bytes.data(), keypoints, slots, s.w, s.h, DescriptorKernelsFor(isa));
+      EXPECT_EQ(std::memcmp(got.data(), expected.data(), got.size() * sizeof(float)), 0)
+          << IsaName(isa) << " " << s.w << "x" << s.h;
+    }
+  }
+}
+
+// Orientation and magnitude of every variant against the scalar definition, over every gradient
+// a byte image can give and a few fractional ones, at lengths that leave every remainder.
+TEST(DescriptorKernels, VariantsMatchScalar) {
+  std::vector<float> dx, dy;
+  for (int y = -255; y <= 255; y += 5) {
+    for (int x = -255; x <= 255; ++x) {
+      dx.push_back(static_cast<float>(x));
+      dy.push_back(static_cast<float>(y));
+    }
+  }
+  std::mt19937 rng(9);
+  std::uniform_real_distribution<float> u(-300.0f, 300.0f);
+  for (int i = 0; i < 1000; ++i) {
+    dx.push_back(u(rng));
+    dy.push_back(i % 3 == 0 ? dx.back() : u(rng));  // diagonals: the branch boundary
+  }
+  const int n = static_cast<int>(dx.size());
+  std::vector<float> want_o(n), want_m(n);
+  scalar::OrientationMagnitude(dx.data(), dy.data(), want_o.data(), want_m.data(), n);
+  for (Isa isa : AvailableIsas()) {
+    for (int count : {1, 7, 8, 9, 15, 16, 17, 33, n}) {
+      // Inputs end flush against their allocation.
+      const float* x = dx.data() + n - count;
+      const float* y = dy.data() + n - count;
+      std::vector<float> o(count), m(count);
+      DescriptorKernelsFor(isa).orientation_magnitude(x, y, o.data(), m.data(), count);
+      EXPECT_EQ(std::memcmp(o.data(), want_o.data() + n - count, count * sizeof(float)), 0)
+          << IsaName(isa) << " " << count;
+      EXPECT_EQ(std::memcmp(m.data(), want_m.data() + n - count, count * sizeof(float)), 0)
+          << IsaName(isa) << " " << count;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace velmora
