@@ -2,8 +2,14 @@
 // second, no ratio test and no cross-check.
 #include "registration/match.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+
+// Matches are stored by value: two 32-bit indices, then the float distance.
+static_assert(sizeof(Match) == 12 && offsetof(Match, index2) == 4 &&
+                  offsetof(Match, distance) == 8,
+              "Match layout");
 
 namespace velmora {
 
