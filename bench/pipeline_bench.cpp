@@ -5,13 +5,12 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <random>
 #include <vector>
 
 #include "common/cpu.h"
+#include "filters/sharpen_kernels.h"
 #include "pipeline/mean_kernels.h"
-#include "velmora/filters.h"
 
 namespace velmora {
 namespace {
@@ -51,7 +50,7 @@ Isa IsaArg(const benchmark::State& state) { return static_cast<Isa>(state.range(
 void FoldFrame(benchmark::State& state) {
   const Isa isa = IsaArg(state);
   FrameData f(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
-  const AccumulateMeanFn accumulate = AccumulateMeanFor(isa);
+  const AccumulateMeanFn accumulate = MeanKernelsFor(isa).accumulate;
   const int32_t n = 9;  // a frame well into a run; the means stay in range
   for (auto _ : state) {
     accumulate(f.mean.data(), f.sample.data(), static_cast<int64_t>(f.luma), n);
@@ -95,15 +94,14 @@ void ResultOutput(benchmark::State& state) {
   const int width = static_cast<int>(state.range(0)), height = static_cast<int>(state.range(1));
   FrameData f(width, height);
   std::vector<uint8_t> y(f.luma), uv(f.chroma);
-  setenv("VELMORA_ISA", IsaName(isa), 1);  // the filter picks its kernels itself
-  const MeanToBytesFn to_bytes = MeanToBytesFor(isa);
+  const MeanToBytesFn to_bytes = MeanKernelsFor(isa).to_bytes;
+  const SharpenKernels& sharpen = SharpenKernelsFor(isa);
   for (auto _ : state) {
     to_bytes(f.mean.data(), y.data(), static_cast<int64_t>(f.luma));
     to_bytes(f.mean.data() + f.luma, uv.data(), static_cast<int64_t>(f.chroma));
-    sharpenFilter(y.data(), uv.data(), y.data(), uv.data(), width, height, 2, 1.0f);
+    sharpenFilter(sharpen, y.data(), uv.data(), y.data(), uv.data(), width, height, 2, 1.0f);
     benchmark::ClobberMemory();
   }
-  unsetenv("VELMORA_ISA");
   state.SetLabel(IsaName(isa));
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(f.luma));  // pixels
 }

@@ -139,13 +139,13 @@ TEST_F(HandleTest, FoldsFramesIntoARunningMeanInDoublePrecision) {
   Frame a = Flat(6, 4, 100);
   Feed(a);
   EXPECT_EQ(handle_.folded_frames(), 1);
-  EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(24, 100.0));
-  EXPECT_EQ(Means(handle_.mean_image(), 1), std::vector<double>(12, 100.0));
+  EXPECT_EQ(Means(handle_.mean_record(), 0), std::vector<double>(24, 100.0));
+  EXPECT_EQ(Means(handle_.mean_record(), 1), std::vector<double>(12, 100.0));
 
   Frame b = Flat(6, 4, 255);
   b.y[0] = 0;
   Feed(b);
-  const auto luma = Means(handle_.mean_image(), 0);
+  const auto luma = Means(handle_.mean_record(), 0);
   EXPECT_EQ(luma[0], (100.0 * 1) / 2 + 0.0 / 2);
   EXPECT_EQ(luma[1], 177.5);
 
@@ -159,8 +159,8 @@ TEST_F(HandleTest, FoldsFramesIntoARunningMeanInDoublePrecision) {
     reference.Fold(f);
   }
   EXPECT_EQ(handle_.folded_frames(), 11);
-  EXPECT_EQ(Means(handle_.mean_image(), 0), reference.y);
-  EXPECT_EQ(Means(handle_.mean_image(), 1), reference.uv);
+  EXPECT_EQ(Means(handle_.mean_record(), 0), reference.y);
+  EXPECT_EQ(Means(handle_.mean_record(), 1), reference.uv);
 }
 
 TEST_F(HandleTest, StopDropsQueuedFramesButFinishesTheOneInProgress) {
@@ -183,7 +183,7 @@ TEST_F(HandleTest, StopDropsQueuedFramesButFinishesTheOneInProgress) {
 
   EXPECT_EQ(handle_.added_frames(), 6u);
   EXPECT_EQ(handle_.folded_frames(), 1);
-  EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(32, 10.0));
+  EXPECT_EQ(Means(handle_.mean_record(), 0), std::vector<double>(32, 10.0));
 }
 
 TEST_F(HandleTest, ASecondFrameBeforeTheFirstIsFoldedSkipsInitialisation) {
@@ -197,8 +197,8 @@ TEST_F(HandleTest, ASecondFrameBeforeTheFirstIsFoldedSkipsInitialisation) {
   handle_.start_process();
   FeedTwoWhileTheWorkerIsHeld(77);
   EXPECT_EQ(handle_.folded_frames(), 2);
-  EXPECT_EQ(handle_.mean_image().attr0, 0xA0u);
-  EXPECT_EQ(Means(handle_.mean_image(), 0), std::vector<double>(16, 95.0));
+  EXPECT_EQ(handle_.mean_record().attr0, 0xA0u);
+  EXPECT_EQ(Means(handle_.mean_record(), 0), std::vector<double>(16, 95.0));
 }
 
 TEST_F(HandleTest, WithoutAnyMeanBuffersEarlyFramesAreDroppedNotWrittenToNull) {
@@ -207,7 +207,7 @@ TEST_F(HandleTest, WithoutAnyMeanBuffersEarlyFramesAreDroppedNotWrittenToNull) {
   handle_.start_process();
   FeedTwoWhileTheWorkerIsHeld(77);
   EXPECT_EQ(handle_.folded_frames(), 0);
-  EXPECT_EQ(handle_.mean_image().planes[0].data, nullptr);
+  EXPECT_EQ(handle_.mean_record().planes[0].data, nullptr);
 }
 
 TEST_F(HandleTest, ResultChecksItsOutputRecord) {

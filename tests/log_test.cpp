@@ -8,19 +8,38 @@
 
 namespace {
 
-using testutil::TakeLogRecords;
+// What the logging between construction and Take() printed on standard output and handed to the
+// Android log.
+struct Logged {
+  Logged() {
+    testutil::TakeLogRecords();
+    testing::internal::CaptureStdout();
+  }
+  void Take() {
+    out = testing::internal::GetCapturedStdout();
+    records = testutil::TakeLogRecords();
+  }
+  std::string out;
+  std::vector<testutil::LogRecord> records;
+};
 
-TEST(LogPrint, WritesTagBlankMessageNewlineToStandardOutput) {
-  TakeLogRecords();
-  testing::internal::CaptureStdout();
-  log_print(2, "[INFO][ %s ] %d  %s() start_process", "flow_water_algo.cpp", 42, "start_process");
-  const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(out, "Algorithm [INFO][ flow_water_algo.cpp ] 42  start_process() start_process\n");
-
-  const auto records = TakeLogRecords();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].tag, "Algorithm");
-  EXPECT_EQ(records[0].text, "[INFO][ flow_water_algo.cpp ] 42  start_process() start_process");
+// The tag, a blank and the message on standard output; the message alone, tagged, to Android; the
+// Android log's result returned (the test sink answers with the length of the text). Messages up
+// to 1023 characters whole, and no switch turns the logging off.
+TEST(LogPrint, WritesTagBlankMessageNewlineAndTheAndroidRecord) {
+  const std::string longest(1023, 'x');
+  Logged logged;
+  const int result = log_print(2, "[INFO][ %s ] %d  %s() go", "flow_water_algo.cpp", 42, "start");
+  set_log_status(0);
+  log_print(2, "%s", longest.c_str());
+  logged.Take();
+  EXPECT_EQ(logged.out, "Algorithm [INFO][ flow_water_algo.cpp ] 42  start() go\n"
+                        "Algorithm " + longest + "\n");
+  ASSERT_EQ(logged.records.size(), 2u);
+  EXPECT_EQ(logged.records[0].tag, "Algorithm");
+  EXPECT_EQ(logged.records[0].text, "[INFO][ flow_water_algo.cpp ] 42  start() go");
+  EXPECT_EQ(result, static_cast<int>(logged.records[0].text.size()));
+  EXPECT_EQ(logged.records[1].text, longest);
 }
 
 TEST(LogPrint, MapsLevelsToAndroidPrioritiesFoldingUnknownLevelsIntoError) {
@@ -28,42 +47,13 @@ TEST(LogPrint, MapsLevelsToAndroidPrioritiesFoldingUnknownLevelsIntoError) {
     unsigned level;
     int priority;
   } cases[] = {{0, 6}, {1, 5}, {2, 4}, {3, 3}, {4, 6}, {5, 6}, {100, 6}, {0xFFFFFFFFu, 6}};
-  TakeLogRecords();
-  testing::internal::CaptureStdout();
+  Logged logged;
   for (const auto& c : cases) log_print(c.level, "level %u", c.level);
-  testing::internal::GetCapturedStdout();
-  const auto records = TakeLogRecords();
-  ASSERT_EQ(records.size(), std::size(cases));
-  for (size_t i = 0; i < records.size(); ++i) {
-    EXPECT_EQ(records[i].priority, cases[i].priority) << "level " << cases[i].level;
+  logged.Take();
+  ASSERT_EQ(logged.records.size(), std::size(cases));
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    EXPECT_EQ(logged.records[i].priority, cases[i].priority) << "level " << cases[i].level;
   }
-}
-
-TEST(LogPrint, ReturnsTheAndroidLogResult) {
-  testing::internal::CaptureStdout();
-  // The test sink answers with the length of the text it was given.
-  EXPECT_EQ(log_print(2, "%s", "twelve chars"), 12);
-  testing::internal::GetCapturedStdout();
-}
-
-TEST(LogPrint, CannotBeSwitchedOff) {
-  TakeLogRecords();
-  set_log_status(0);
-  testing::internal::CaptureStdout();
-  log_print(0, "still here");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Algorithm still here\n");
-  EXPECT_EQ(TakeLogRecords().size(), 1u);
-}
-
-TEST(LogPrint, WritesA1023CharacterMessageWhole) {
-  const std::string longest(1023, 'x');
-  TakeLogRecords();
-  testing::internal::CaptureStdout();
-  log_print(2, "%s", longest.c_str());
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Algorithm " + longest + "\n");
-  const auto records = TakeLogRecords();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].text, longest);
 }
 
 TEST(LogPrintDeathTest, AbortsOnAMessageThatDoesNotFit) {
@@ -77,15 +67,14 @@ TEST(LogMacros, NameTheSourceFileBaseLineAndFunction) {
   EXPECT_STREQ(velmora::SourceBaseName("/a/b/threadPool.cpp"), "threadPool.cpp");
   EXPECT_STREQ(velmora::SourceBaseName("utils.cpp"), "utils.cpp");
 
-  TakeLogRecords();
-  testing::internal::CaptureStdout();
+  Logged logged;
   const int line = __LINE__ + 1;
   VLOG_ERROR("code %d", 7);
-  testing::internal::GetCapturedStdout();
-  const auto records = TakeLogRecords();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].text, "[ERROR][ log_test.cpp ] " + std::to_string(line) + "  TestBody() code 7");
-  EXPECT_EQ(records[0].priority, 6);
+  logged.Take();
+  ASSERT_EQ(logged.records.size(), 1u);
+  EXPECT_EQ(logged.records[0].text,
+            "[ERROR][ log_test.cpp ] " + std::to_string(line) + "  TestBody() code 7");
+  EXPECT_EQ(logged.records[0].priority, 6);
 }
 
 }  // namespace

@@ -1,52 +1,20 @@
-// The running-mean kernels: golden values of the scalar definitions, and every vector variant
-// this machine has against the scalar one, bit for bit.
+// The running-mean kernels: golden values of the scalar definitions, and the vector variants
+// against them through the conformance harness.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <limits>
 #include <random>
 #include <vector>
 
 #include "common/cpu.h"
+#include "kernel_conformance.h"
 #include "pipeline/mean_kernels.h"
+#include "test_util.h"
 
 namespace velmora {
 namespace {
-
-// The variants to hold against the scalar definition: every other one available here.
-std::vector<Isa> VectorIsas() {
-  std::vector<Isa> isas = AvailableIsas();
-  isas.erase(std::remove(isas.begin(), isas.end(), Isa::kScalar), isas.end());
-  return isas;
-}
-
-// Widths that hit every remainder of the vector bodies, two real row widths and whole planes.
-std::vector<int64_t> Counts() {
-  std::vector<int64_t> counts;
-  for (int64_t w = 1; w <= 33; ++w) counts.push_back(w);
-  for (int64_t w : {640, 1920, 1920 * 1080, 1920 * 540}) counts.push_back(w);
-  return counts;
-}
-
-std::vector<uint8_t> RandomBytes(std::mt19937& rng, int64_t count) {
-  std::uniform_int_distribution<int> byte(0, 255);
-  std::vector<uint8_t> v(static_cast<size_t>(count));
-  for (auto& b : v) b = static_cast<uint8_t>(byte(rng));
-  return v;
-}
-
-// Index of the first element whose bytes differ, or -1. Bytes, so that NaN payloads and signed
-// zeros count too.
-template <typename T>
-int64_t FirstDifference(const std::vector<T>& a, const std::vector<T>& b) {
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (std::memcmp(&a[i], &b[i], sizeof(T)) != 0) return static_cast<int64_t>(i);
-  }
-  return -1;
-}
 
 TEST(AccumulateMeanDefinition, FoldsWithTwoDivisionsAndOneAddition) {
   struct Case {
@@ -75,13 +43,12 @@ TEST(AccumulateMeanDefinition, FoldsWithTwoDivisionsAndOneAddition) {
 }
 
 TEST(AccumulateMeanDefinition, RunningMeanOfAFrameSequenceIsItsAverage) {
-  std::mt19937 rng(7);
   const int64_t count = 1000;
   const int frames = 25;
   std::vector<double> mean(count, 0.0);
   std::vector<double> sum(count, 0.0);
   for (int32_t n = 0; n < frames; ++n) {
-    const std::vector<uint8_t> frame = RandomBytes(rng, count);
+    const std::vector<uint8_t> frame = testutil::RandomBytes(count, 7 + n);
     scalar::AccumulateMean(mean.data(), frame.data(), count, n);
     for (int64_t i = 0; i < count; ++i) sum[i] += frame[i];
   }
@@ -103,81 +70,66 @@ TEST(MeanToBytesDefinition, TruncatesTowardZeroAndKeepsTheLowByte) {
   }
 }
 
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(MeanKernelsTest);
+// Fold inputs: means in their range with the odd special value (a negative n divides by zero or
+// a negative total), every fold count that changes the path; and conversion inputs: means in
+// range, integers and their neighbours, and values whose int32 needs the low byte taken (beyond
+// int32 the language leaves the conversion undefined).
+struct MeanFamily {
+  static constexpr const char* kName = "Mean";
+  using Kernels = MeanKernels;
+  static const Kernels& For(Isa isa) { return MeanKernelsFor(isa); }
 
-class MeanKernelsTest : public ::testing::TestWithParam<Isa> {};
+  struct Case {
+    std::vector<double> fold_means;
+    std::vector<uint8_t> sample;
+    std::vector<double> byte_means;
+  };
 
-TEST_P(MeanKernelsTest, AccumulateMeanMatchesScalar) {
-  const AccumulateMeanFn accumulate = AccumulateMeanFor(GetParam());
-  std::mt19937 rng(11);
-  std::uniform_real_distribution<double> in_range(0.0, 255.0);
-  // Counts beyond the pipeline's range too: a negative n divides by zero or a negative total.
-  constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
-  constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
-  const std::vector<int32_t> all_folds = {0, 1, 2, 6, 7, 254, 100000, kMax, -1, -2, kMin};
-  // Whole planes take long in unoptimised builds: two folds cover them.
-  const std::vector<int32_t> plane_folds = {2, 254};
-  using Limits = std::numeric_limits<double>;
-  const double specials[] = {-0.0, Limits::infinity(), Limits::quiet_NaN(), Limits::denorm_min(),
-                             1e308, -3.5};
-  for (int64_t count : Counts()) {
-    const std::vector<uint8_t> sample = RandomBytes(rng, count);
-    std::vector<double> start(static_cast<size_t>(count));
-    for (auto& m : start) m = in_range(rng);
-    for (size_t k = 0; k < std::size(specials) && k * 5 < start.size(); ++k) {
-      start[k * 5] = specials[k];
-    }
-    for (int32_t n : count > 100000 ? plane_folds : all_folds) {
-      std::vector<double> expected = start;
-      std::vector<double> actual = start;
-      scalar::AccumulateMean(expected.data(), sample.data(), count, n);
-      accumulate(actual.data(), sample.data(), count, n);
-      const int64_t at = FirstDifference(expected, actual);
-      ASSERT_EQ(at, -1) << "count " << count << " n " << n << ": " << expected[at] << " vs "
-                        << actual[at];
-    }
-  }
-}
-
-TEST_P(MeanKernelsTest, MeanToBytesMatchesScalar) {
-  const MeanToBytesFn to_bytes = MeanToBytesFor(GetParam());
-  std::mt19937 rng(13);
-  std::uniform_real_distribution<double> in_range(0.0, 256.0);
-  std::uniform_real_distribution<double> wide(-2147483647.0, 2147483647.0);
-  std::uniform_int_distribution<int> integer(-300, 300);
-  std::uniform_int_distribution<int> pick(0, 3);
-  for (int64_t count : Counts()) {
-    // Means in their own range, integers and their neighbours, and values whose int32 needs the
-    // low byte taken; the conversion of values beyond int32 is left undefined by the language.
-    std::vector<double> mean(static_cast<size_t>(count));
-    for (auto& m : mean) {
-      switch (pick(rng)) {
-        case 0:
-          m = wide(rng);
-          break;
-        case 1: {
-          const double k = integer(rng);
-          m = std::nextafter(k, pick(rng) < 2 ? -1000.0 : 1000.0);
-          break;
-        }
-        default:
-          m = in_range(rng);
+  static Case Make(int width, int height, uint32_t seed) {
+    const size_t count = static_cast<size_t>(width) * height;
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> in_range(0.0, 255.0);
+    std::uniform_real_distribution<double> byte_range(0.0, 256.0);
+    std::uniform_real_distribution<double> wide(-2147483647.0, 2147483647.0);
+    std::uniform_int_distribution<int> integer(-300, 300);
+    std::uniform_int_distribution<int> pick(0, 3);
+    Case c{std::vector<double>(count), testutil::RandomBytes(count, seed),
+           std::vector<double>(count)};
+    using Limits = std::numeric_limits<double>;
+    const double specials[] = {-0.0, Limits::infinity(), Limits::quiet_NaN(),
+                               Limits::denorm_min(), 1e308, -3.5};
+    for (size_t i = 0; i < count; ++i) {
+      c.fold_means[i] = i % 5 == 0 && i / 5 < std::size(specials) ? specials[i / 5] : in_range(rng);
+      const int p = pick(rng);
+      if (p == 0) {
+        c.byte_means[i] = wide(rng);
+      } else if (p == 1) {
+        c.byte_means[i] = std::nextafter(double(integer(rng)), pick(rng) < 2 ? -1000.0 : 1000.0);
+      } else {
+        c.byte_means[i] = byte_range(rng);
       }
     }
-    std::vector<uint8_t> expected(static_cast<size_t>(count), 0x5A);
-    std::vector<uint8_t> actual(static_cast<size_t>(count), 0xA5);
-    scalar::MeanToBytes(mean.data(), expected.data(), count);
-    to_bytes(mean.data(), actual.data(), count);
-    const int64_t at = FirstDifference(expected, actual);
-    ASSERT_EQ(at, -1) << "count " << count << ": mean " << mean[at] << " gives "
-                      << int{expected[at]} << " vs " << int{actual[at]};
+    return c;
   }
-}
 
-INSTANTIATE_TEST_SUITE_P(AllIsas, MeanKernelsTest, ::testing::ValuesIn(VectorIsas()),
-                         [](const ::testing::TestParamInfo<Isa>& info) {
-                           return IsaName(info.param);
-                         });
+  static std::vector<uint8_t> Run(const Kernels& k, const Case& c) {
+    constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+    constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
+    const int64_t count = static_cast<int64_t>(c.sample.size());
+    std::vector<uint8_t> out;
+    for (int32_t n : {0, 1, 2, 6, 7, 254, 100000, kMax, -1, -2, kMin}) {
+      std::vector<double> mean = c.fold_means;
+      k.accumulate(mean.data(), c.sample.data(), count, n);
+      AppendBytes(out, mean);
+    }
+    std::vector<uint8_t> bytes(c.byte_means.size(), 0x5A);
+    k.to_bytes(c.byte_means.data(), bytes.data(), count);
+    AppendBytes(out, bytes);
+    return out;
+  }
+};
+
+TEST_P(KernelConformance, Mean) { ExpectMatchesScalar<MeanFamily>(GetParam()); }
 
 }  // namespace
 }  // namespace velmora

@@ -1,6 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/dispatch.h"
 #include "filters/sharpen_kernels.h"
 #include "velmora/filters.h"
 
@@ -78,21 +79,14 @@ void SharpenChromaRow(const uint8_t* src_y, const uint8_t* blur, const uint8_t* 
   }
 }
 
+const SharpenKernels kSharpen{BlurRow, SharpenLumaRow, SharpenChromaRow};
+
 }  // namespace scalar
 
-SharpenKernels SharpenKernelsFor(Isa isa) {
-  switch (isa) {
-#if defined(VELMORA_HAVE_AVX2)
-    case Isa::kAvx2:
-      return {avx2::BlurRow, avx2::SharpenLumaRow, avx2::SharpenChromaRow};
-#endif
-#if defined(VELMORA_HAVE_NEON)
-    case Isa::kNeon:
-      return {neon::BlurRow, neon::SharpenLumaRow, neon::SharpenChromaRow};
-#endif
-    default:
-      return {scalar::BlurRow, scalar::SharpenLumaRow, scalar::SharpenChromaRow};
-  }
+const SharpenKernels& SharpenKernelsFor(Isa isa) {
+  static const IsaTable<SharpenKernels> t{&scalar::kSharpen, VELMORA_AVX2(kSharpen),
+                                          VELMORA_NEON(kSharpen)};
+  return Pick(t, isa);
 }
 
 namespace {
@@ -110,19 +104,18 @@ bool SameOrApart(const uint8_t* dst, const uint8_t* src, int width) {
 }
 
 }  // namespace
-}  // namespace velmora
 
-void sharpenFilter(unsigned char* srcY, unsigned char* srcUV, unsigned char* dstY,
-                   unsigned char* dstUV, int width, int height, int threshold, float amount) {
-  using namespace velmora;
+void sharpenFilter(const SharpenKernels& kernels, unsigned char* srcY, unsigned char* srcUV,
+                   unsigned char* dstY, unsigned char* dstUV, int width, int height, int threshold,
+                   float amount) {
   if (width < 1 || height < 1) return;  // no row or no column: nothing is written
 
   const int64_t stride = width;
   uint8_t* blur = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(stride * height)));
   if (blur == nullptr) return;
 
-  const SharpenKernels vector = SharpenKernelsFor(ActiveIsa());
-  const SharpenKernels plain = SharpenKernelsFor(Isa::kScalar);
+  const SharpenKernels& vector = kernels;
+  const SharpenKernels& plain = scalar::kSharpen;
 
   // The blur has no value on the outermost rows and columns. They are given the source luma, so
   // border pixels compare equal to their blur and stay unchanged (unless threshold < 0).
@@ -160,4 +153,12 @@ void sharpenFilter(unsigned char* srcY, unsigned char* srcUV, unsigned char* dst
     }
   }
   std::free(blur);
+}
+
+}  // namespace velmora
+
+void sharpenFilter(unsigned char* srcY, unsigned char* srcUV, unsigned char* dstY,
+                   unsigned char* dstUV, int width, int height, int threshold, float amount) {
+  velmora::sharpenFilter(velmora::SharpenKernelsFor(velmora::ActiveIsa()), srcY, srcUV, dstY,
+                         dstUV, width, height, threshold, amount);
 }

@@ -173,5 +173,7 @@ void SharpenChromaRow(const uint8_t* src_y, const uint8_t* blur, const uint8_t* 
                            width - body, threshold, amount);
 }
 
+const SharpenKernels kSharpen{BlurRow, SharpenLumaRow, SharpenChromaRow};
+
 }  // namespace avx2
 }  // namespace velmora

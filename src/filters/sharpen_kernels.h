@@ -1,5 +1,6 @@
 // Row kernels of the sharpen filter. The scalar functions are the definitions; the ISA variants
-// give bit-identical results and finish their rows with the scalar rule.
+// give bit-identical results, finish their rows with the scalar rule and are chosen at run time
+// (see common/dispatch.h).
 #ifndef VELMORA_FILTERS_SHARPEN_KERNELS_H
 #define VELMORA_FILTERS_SHARPEN_KERNELS_H
 
@@ -28,33 +29,36 @@ using SharpenChromaRowFn = void (*)(const uint8_t* src_y, const uint8_t* blur,
                                     const uint8_t* src_uv, uint8_t* dst_y, uint8_t* dst_uv,
                                     int width, int threshold, float amount);
 
-#define VELMORA_SHARPEN_KERNELS                                                                   \
-  void BlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* out,      \
-               int width);                                                                        \
-  void SharpenLumaRow(const uint8_t* src_y, const uint8_t* blur, uint8_t* dst_y, int width,       \
-                      int threshold, float amount);                                               \
-  void SharpenChromaRow(const uint8_t* src_y, const uint8_t* blur, const uint8_t* src_uv,         \
-                        uint8_t* dst_y, uint8_t* dst_uv, int width, int threshold, float amount);
-
-namespace scalar {
-VELMORA_SHARPEN_KERNELS
-}  // namespace scalar
-namespace avx2 {
-VELMORA_SHARPEN_KERNELS
-}  // namespace avx2
-namespace neon {
-VELMORA_SHARPEN_KERNELS
-}  // namespace neon
-
-#undef VELMORA_SHARPEN_KERNELS
-
 struct SharpenKernels {
   BlurRowFn blur_row;
   SharpenLumaRowFn luma_row;
   SharpenChromaRowFn chroma_row;
 };
 
-SharpenKernels SharpenKernelsFor(Isa isa);
+namespace scalar {
+void BlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* out,
+             int width);
+void SharpenLumaRow(const uint8_t* src_y, const uint8_t* blur, uint8_t* dst_y, int width,
+                    int threshold, float amount);
+void SharpenChromaRow(const uint8_t* src_y, const uint8_t* blur, const uint8_t* src_uv,
+                      uint8_t* dst_y, uint8_t* dst_uv, int width, int threshold, float amount);
+extern const SharpenKernels kSharpen;
+}  // namespace scalar
+namespace avx2 {
+extern const SharpenKernels kSharpen;
+}  // namespace avx2
+namespace neon {
+extern const SharpenKernels kSharpen;
+}  // namespace neon
+
+const SharpenKernels& SharpenKernelsFor(Isa isa);
+
+// sharpenFilter (velmora/filters.h) on the given kernels: the exported function runs it on
+// SharpenKernelsFor(ActiveIsa()); tests and benchmarks name the variant. Rows whose buffers
+// overlap in a way the vector rows do not allow run on the scalar rows whatever the table.
+void sharpenFilter(const SharpenKernels& kernels, unsigned char* srcY, unsigned char* srcUV,
+                   unsigned char* dstY, unsigned char* dstUV, int width, int height, int threshold,
+                   float amount);
 
 // The float-to-int conversion of the filter: truncation toward zero, saturating at the limits
 // of int32 (NaN gives 0), as the arm64 conversion instruction does.

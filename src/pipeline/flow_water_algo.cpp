@@ -27,6 +27,18 @@ uint64_t PlaneBytes(const image_plane& plane) {
   return static_cast<uint64_t>(plane.width) * plane.height;
 }
 
+// Holds a pthread mutex for one scope.
+class RecordLock {
+ public:
+  explicit RecordLock(pthread_mutex_t& m) : m_(m) { pthread_mutex_lock(&m_); }
+  ~RecordLock() { pthread_mutex_unlock(&m_); }
+  RecordLock(const RecordLock&) = delete;
+  RecordLock& operator=(const RecordLock&) = delete;
+
+ private:
+  pthread_mutex_t& m_;
+};
+
 }  // namespace
 
 void CopyIMAGEMemory(const image& src, image& dst) {
@@ -68,6 +80,12 @@ void FreeIMAGEMemory(image& img) {
 velmora_algo::velmora_algo() {
   std::memset(&acc_image, 0, sizeof acc_image);
   pthread_mutex_init(&mutex, nullptr);
+  pthread_mutex_init(&record_mutex, nullptr);
+}
+
+image velmora_algo::mean_record() const {
+  RecordLock lock(record_mutex);
+  return acc_image;
 }
 
 velmora_algo::~velmora_algo() {
@@ -79,6 +97,7 @@ velmora_algo::~velmora_algo() {
   }
   running = false;
   pthread_mutex_destroy(&mutex);
+  pthread_mutex_destroy(&record_mutex);
 }
 
 int velmora_algo::set_base_parameters(image_algo_base_parameters* params) {
@@ -139,7 +158,10 @@ int velmora_algo::process_image(image* frame, rect* frame_roi) {
   if (add_count == 0) {
     // The run's first frame fixes the rect handed back with every result. A null rect leaves
     // the stored one as it was rather than crash the app.
-    if (frame_roi != nullptr) roi = *frame_roi;
+    if (frame_roi != nullptr) {
+      RecordLock lock(record_mutex);
+      roi = *frame_roi;
+    }
     std::fill(std::begin(matrix), std::end(matrix), 0.0);
   }
   CopyIMAGEMemory(*frame, *copy);
@@ -179,14 +201,20 @@ int velmora_algo::process_two_image(image* frame, image* acc) {
     const uint64_t chroma_count = PlaneBytes(frame->planes[1]);
     double* luma = static_cast<double*>(std::malloc(luma_count * sizeof(double)));
     double* chroma = static_cast<double*>(std::malloc(chroma_count * sizeof(double)));
-    *acc = *frame;
-    acc->planes[0].data = reinterpret_cast<uint8_t*>(luma);
-    acc->planes[1].data = reinterpret_cast<uint8_t*>(chroma);
     if (luma != nullptr && frame->planes[0].data != nullptr) {
       for (uint64_t i = 0; i < luma_count; ++i) luma[i] = frame->planes[0].data[i];
     }
     if (chroma != nullptr && frame->planes[1].data != nullptr) {
       for (uint64_t i = 0; i < chroma_count; ++i) chroma[i] = frame->planes[1].data[i];
+    }
+    // The means are filled before the record points at them, and the header, sizes and buffer
+    // pointers change in one step: a reader sees the previous record or this one, whole.
+    image published = *frame;
+    published.planes[0].data = reinterpret_cast<uint8_t*>(luma);
+    published.planes[1].data = reinterpret_cast<uint8_t*>(chroma);
+    {
+      RecordLock lock(record_mutex);
+      *acc = published;
     }
     pthread_mutex_unlock(&mutex);
   }
@@ -200,12 +228,12 @@ int velmora_algo::process_two_image(image* frame, image* acc) {
   const uint32_t w0 = frame->planes[0].width, h0 = frame->planes[0].height;
   const uint32_t w1 = frame->planes[1].width, h1 = frame->planes[1].height;
   // roi is read before the lock and written back, unchanged, before each unlock.
-  const rect roi_seen = roi;
+  const rect roi_seen = StoredRoi();
   pthread_mutex_lock(&mutex);
   const int32_t luma_count = static_cast<int32_t>(w0 * h0);
   if (luma_count < 1) {
     ++acc_count;
-    roi = roi_seen;
+    WriteBackRoi(roi_seen);
     pthread_mutex_unlock(&mutex);
     return 0;
   }
@@ -221,16 +249,26 @@ int velmora_algo::process_two_image(image* frame, image* acc) {
     chroma_n = std::min<int64_t>(chroma_n, PlaneBytes(acc->planes[1]));
     if (chroma_mean == nullptr || frame->planes[1].data == nullptr) chroma_n = 0;
 
-    const velmora::AccumulateMeanFn accumulate = velmora::AccumulateMeanFor(velmora::ActiveIsa());
+    const auto accumulate = velmora::MeanKernelsFor(velmora::ActiveIsa()).accumulate;
     accumulate(luma_mean, frame->planes[0].data, luma_n, acc_count);
     if (chroma_n > 0) accumulate(chroma_mean, frame->planes[1].data, chroma_n, acc_count);
     ++acc_count;
   }
   // Without mean buffers (a second frame handed in before the handle's very first one was
   // folded) there is nothing to fold into: the frame is dropped rather than written to null.
-  roi = roi_seen;
+  WriteBackRoi(roi_seen);
   pthread_mutex_unlock(&mutex);
   return 0;
+}
+
+rect velmora_algo::StoredRoi() const {
+  RecordLock lock(record_mutex);
+  return roi;
+}
+
+void velmora_algo::WriteBackRoi(const rect& value) {
+  RecordLock lock(record_mutex);
+  roi = value;
 }
 
 int velmora_algo::get_process_image_result(image* out, rect* out_roi) {
@@ -243,17 +281,25 @@ int velmora_algo::get_process_image_result(image* out, rect* out_roi) {
     return VELMORA_ERR_OUTPUT_MEMORY;
   }
 
-  // Read without the handle's mutex: a frame being folded in meanwhile may show in some pixels
-  // and not in others. Callers wanting a consistent picture stop the run first.
+  // The pixels are read without the handle's mutex: a frame being folded in meanwhile may show
+  // in some pixels and not in others. Callers wanting a consistent picture stop the run first.
+  // The record itself is copied whole, so sizes and buffers always belong together.
   uint8_t* const out_y = out->planes[0].data;
   uint8_t* const out_uv = out->planes[1].data;
-  *out = acc_image;
+  image record;
+  rect stored_roi;
+  {
+    RecordLock lock(record_mutex);
+    record = acc_image;
+    stored_roi = roi;
+  }
+  *out = record;
   out->planes[0].data = out_y;
   out->planes[1].data = out_uv;
 
-  const velmora::MeanToBytesFn to_bytes = velmora::MeanToBytesFor(velmora::ActiveIsa());
-  const double* luma_mean = reinterpret_cast<const double*>(acc_image.planes[0].data);
-  const double* chroma_mean = reinterpret_cast<const double*>(acc_image.planes[1].data);
+  const auto to_bytes = velmora::MeanKernelsFor(velmora::ActiveIsa()).to_bytes;
+  const double* luma_mean = reinterpret_cast<const double*>(record.planes[0].data);
+  const double* chroma_mean = reinterpret_cast<const double*>(record.planes[1].data);
   const uint32_t luma_count = out->planes[0].width * out->planes[0].height;
   const uint32_t chroma_count = out->planes[1].width * out->planes[1].height;
   if (luma_mean != nullptr) to_bytes(luma_mean, out_y, luma_count);
@@ -262,6 +308,6 @@ int velmora_algo::get_process_image_result(image* out, rect* out_roi) {
   sharpenFilter(out_y, out_uv, out_y, out_uv, static_cast<int>(out->planes[0].width),
                 static_cast<int>(out->planes[0].height), 2, 1.0f);
 
-  if (out_roi != nullptr) *out_roi = roi;  // a null rect is skipped rather than crash the app
+  if (out_roi != nullptr) *out_roi = stored_roi;  // a null rect is skipped rather than crash the app
   return 0;
 }

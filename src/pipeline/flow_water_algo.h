@@ -33,12 +33,16 @@ class VELMORA_EXPORT velmora_algo {
   static void consumeImage(void* arg);
   int process_two_image(image* frame, image* acc);
 
-  // Read-only views for tests and tools.
+  // Read-only views for tests and tools. folded_frames is exact once the run is stopped;
+  // mean_record is a consistent copy of the result record at any time.
   uint32_t added_frames() const { return add_count; }
   int folded_frames() const { return acc_count; }
-  const image& mean_image() const { return acc_image; }
+  image mean_record() const;
 
  private:
+  rect StoredRoi() const;
+  void WriteBackRoi(const rect& value);
+
   // add_count is written by the caller's thread and read by the worker, consume_count written
   // by the worker; neither is otherwise synchronised, so they are relaxed atomics.
   std::atomic<uint32_t> add_count{0};
@@ -53,6 +57,13 @@ class VELMORA_EXPORT velmora_algo {
   std::atomic<bool> running{false};
   int32_t thread_num = 1;
   pthread_mutex_t mutex;
+  // Guards the record the result is read from (acc_image's header, plane sizes and mean buffer
+  // pointers) and the stored roi, which the caller's threads read while the worker publishes a
+  // run's first frame. Held only to copy those few words, never while pixels are touched, so
+  // the result read still does not wait for a fold (that is `mutex`'s job, which it never
+  // takes). The means themselves stay readable unlocked, by design: a picture read during a
+  // fold may mix old and new pixels, but never pairs a size with a buffer too small for it.
+  mutable pthread_mutex_t record_mutex;
 };
 
 #endif  // VELMORA_PIPELINE_FLOW_WATER_ALGO_H

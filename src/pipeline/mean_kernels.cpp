@@ -1,5 +1,7 @@
 #include "pipeline/mean_kernels.h"
 
+#include "common/dispatch.h"
+
 namespace velmora {
 namespace scalar {
 
@@ -16,6 +18,8 @@ void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
   for (int64_t i = 0; i < count; ++i) out[i] = static_cast<uint8_t>(static_cast<int32_t>(mean[i]));
 }
 
+const MeanKernels kMean{AccumulateMean, MeanToBytes};
+
 }  // namespace scalar
 
 void FoldShares(int32_t n, double share[256]) {
@@ -23,34 +27,9 @@ void FoldShares(int32_t n, double share[256]) {
   for (int s = 0; s < 256; ++s) share[s] = static_cast<double>(s) / total;
 }
 
-AccumulateMeanFn AccumulateMeanFor(Isa isa) {
-  switch (isa) {
-#if defined(VELMORA_HAVE_AVX2)
-    case Isa::kAvx2:
-      return avx2::AccumulateMean;
-#endif
-#if defined(VELMORA_HAVE_NEON)
-    case Isa::kNeon:
-      return neon::AccumulateMean;
-#endif
-    default:
-      return scalar::AccumulateMean;
-  }
-}
-
-MeanToBytesFn MeanToBytesFor(Isa isa) {
-  switch (isa) {
-#if defined(VELMORA_HAVE_AVX2)
-    case Isa::kAvx2:
-      return avx2::MeanToBytes;
-#endif
-#if defined(VELMORA_HAVE_NEON)
-    case Isa::kNeon:
-      return neon::MeanToBytes;
-#endif
-    default:
-      return scalar::MeanToBytes;
-  }
+const MeanKernels& MeanKernelsFor(Isa isa) {
+  static const IsaTable<MeanKernels> t{&scalar::kMean, VELMORA_AVX2(kMean), VELMORA_NEON(kMean)};
+  return Pick(t, isa);
 }
 
 }  // namespace velmora

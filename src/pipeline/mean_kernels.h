@@ -1,5 +1,5 @@
 // Per-pixel kernels of the running mean. The scalar functions are the definitions; the ISA
-// variants give bit-identical results and are chosen at run time (see common/cpu.h).
+// variants give bit-identical results and are chosen at run time (see common/dispatch.h).
 #ifndef VELMORA_PIPELINE_MEAN_KERNELS_H
 #define VELMORA_PIPELINE_MEAN_KERNELS_H
 
@@ -17,27 +17,28 @@ using AccumulateMeanFn = void (*)(double* mean, const uint8_t* sample, int64_t c
 // out[i] = the low 8 bits of mean[i] truncated toward zero to a signed 32-bit integer.
 using MeanToBytesFn = void (*)(const double* mean, uint8_t* out, int64_t count);
 
+struct MeanKernels {
+  AccumulateMeanFn accumulate;
+  MeanToBytesFn to_bytes;
+};
+
 namespace scalar {
 void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t n);
 void MeanToBytes(const double* mean, uint8_t* out, int64_t count);
+extern const MeanKernels kMean;
 }  // namespace scalar
-
 namespace avx2 {
-void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t n);
-void MeanToBytes(const double* mean, uint8_t* out, int64_t count);
+extern const MeanKernels kMean;
 }  // namespace avx2
-
 namespace neon {
-void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t n);
-void MeanToBytes(const double* mean, uint8_t* out, int64_t count);
+extern const MeanKernels kMean;
 }  // namespace neon
 
 // share[s] = s / (n + 1) for every byte value s, by the same division as the definition: the
 // vector folds look the sample's share up instead of dividing again (exact, one division saved).
 void FoldShares(int32_t n, double share[256]);
 
-AccumulateMeanFn AccumulateMeanFor(Isa isa);
-MeanToBytesFn MeanToBytesFor(Isa isa);
+const MeanKernels& MeanKernelsFor(Isa isa);
 
 }  // namespace velmora
 

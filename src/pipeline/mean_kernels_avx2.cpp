@@ -63,5 +63,7 @@ void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
   scalar::MeanToBytes(mean + body, out + body, count - body);
 }
 
+const MeanKernels kMean{AccumulateMean, MeanToBytes};
+
 }  // namespace avx2
 }  // namespace velmora

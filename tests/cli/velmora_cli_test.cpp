@@ -9,44 +9,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "velmora/filters.h"
+#include "frame_source.h"
+#include "image_writer.h"
+#include "test_util.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "velmora-cli-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed";
-    path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  std::string path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-  // The names in the directory, sorted: shows any file a run leaves behind.
-  std::vector<std::string> list() const {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(path_))
-      names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
- private:
-  std::string path_;
-};
+using testutil::Packed;
+using testutil::ReadFile;
+using testutil::TempDir;
+using testutil::WriteFile;
 
 // The command line that runs the tool; call it before forking.
 std::vector<std::string> ToolCommand(const std::vector<std::string>& args) {
@@ -120,44 +96,7 @@ RunResult RunTool(const std::vector<std::string>& args, const std::string& cwd) 
   return {code, ReadAll(out), ReadAll(err)};
 }
 
-void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream file(path, std::ios::binary);
-  file.write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
-}
-
-std::vector<uint8_t> ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 size_t FrameBytes(int width, int height) { return size_t(width) * height * 3 / 2; }
-
-std::vector<uint8_t> RandomFrame(int width, int height, std::mt19937* random) {
-  std::vector<uint8_t> frame(FrameBytes(width, height));
-  for (uint8_t& byte : frame) byte = static_cast<uint8_t>((*random)() & 0xff);
-  return frame;
-}
-
-// A plain double running mean in arrival order, truncated to bytes, then the library's sharpen
-// with the pipeline's threshold and amount.
-std::vector<uint8_t> ReferenceLongExposure(const std::vector<std::vector<uint8_t>>& frames,
-                                           int width, int height) {
-  std::vector<double> mean(FrameBytes(width, height), 0.0);
-  for (size_t n = 0; n < frames.size(); ++n) {
-    const double count = static_cast<double>(n);
-    for (size_t i = 0; i < mean.size(); ++i) {
-      mean[i] = (mean[i] * count) / (count + 1.0) + frames[n][i] / (count + 1.0);
-    }
-  }
-  std::vector<uint8_t> picture(mean.size());
-  for (size_t i = 0; i < mean.size(); ++i)
-    picture[i] = static_cast<uint8_t>(static_cast<int>(mean[i]));
-  uint8_t* y = picture.data();
-  uint8_t* uv = picture.data() + size_t(width) * height;
-  sharpenFilter(y, uv, y, uv, width, height, 2, 1.0f);
-  return picture;
-}
 
 std::vector<uint8_t> SwapChroma(std::vector<uint8_t> frame, int width, int height) {
   for (size_t i = size_t(width) * height; i + 1 < frame.size(); i += 2)
@@ -190,19 +129,22 @@ size_t CountLines(const std::string& text) { return std::count(text.begin(), tex
 TEST(VelmoraLongexp, RawOutputEqualsAnIndependentRunningMean) {
   constexpr int kWidth = 64, kHeight = 48;
   TempDir dir;
-  std::mt19937 random(20240611);
   // Three files of one frame each, then one file of five frames back to back.
-  std::vector<std::vector<uint8_t>> frames;
-  for (int i = 0; i < 8; ++i) frames.push_back(RandomFrame(kWidth, kHeight, &random));
-  for (int i = 0; i < 3; ++i) WriteFile(dir / ("f" + std::to_string(i) + ".yuv"), frames[i]);
+  testutil::ReferenceMean mean;
   std::vector<uint8_t> multi;
-  for (int i = 3; i < 8; ++i) multi.insert(multi.end(), frames[i].begin(), frames[i].end());
+  for (int i = 0; i < 8; ++i) {
+    const testutil::Frame frame = testutil::RandomFrame(kWidth, kHeight, 20240611 + i);
+    mean.Fold(frame);
+    const std::vector<uint8_t> bytes = Packed(frame);
+    if (i < 3) WriteFile(dir / ("f" + std::to_string(i) + ".yuv"), bytes);
+    if (i >= 3) multi.insert(multi.end(), bytes.begin(), bytes.end());
+  }
   WriteFile(dir / "multi.yuv", multi);
   const std::vector<std::string> inputs = {"f0.yuv", "f1.yuv", "f2.yuv", "multi.yuv"};
 
   // The pipeline does not tell the chroma orders apart, so the mean of the same bytes is the
   // same in either; only the requested output layout may swap the chroma pairs.
-  const std::vector<uint8_t> expected = ReferenceLongExposure(frames, kWidth, kHeight);
+  const std::vector<uint8_t> expected = Packed(mean.Result(kWidth, kHeight));
   const std::vector<uint8_t> swapped = SwapChroma(expected, kWidth, kHeight);
   struct Case {
     const char* format;
@@ -225,61 +167,42 @@ TEST(VelmoraLongexp, RawOutputEqualsAnIndependentRunningMean) {
     const RunResult run = RunTool(args, dir.path());
     EXPECT_EQ(run.exit_code, 0) << run.err;
     EXPECT_EQ(run.out, "");  // the library's log lines stay out of the tool's output
-    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.err, "");  // and no progress line when standard error is not a terminal
     EXPECT_TRUE(ReadFile(dir / c.output) == *c.want);
     fs::remove(dir / c.output);
   }
-  EXPECT_EQ(dir.list(), (std::vector<std::string>{"f0.yuv", "f1.yuv", "f2.yuv", "multi.yuv"}));
+  EXPECT_EQ(dir.List(), (std::vector<std::string>{"f0.yuv", "f1.yuv", "f2.yuv", "multi.yuv"}));
 }
 
 TEST(VelmoraLongexp, VerboseShowsTheLibraryLogOnStandardOutput) {
   TempDir dir;
-  std::mt19937 random(7);
-  WriteFile(dir / "f.yuv", RandomFrame(16, 8, &random));
-  for (const bool verbose : {false, true}) {
-    std::vector<std::string> args = {"longexp", "--size", "16x8", "f.yuv", "-o", "out.yuv"};
-    if (verbose) args.push_back("--verbose");
-    const RunResult run = RunTool(args, dir.path());
-    EXPECT_EQ(run.exit_code, 0) << run.err;
-    EXPECT_EQ(run.out.find("Algorithm [INFO]") != std::string::npos, verbose) << run.out;
-  }
+  WriteFile(dir / "f.yuv", Packed(testutil::RandomFrame(16, 8, 7)));
+  const RunResult run =
+      RunTool({"longexp", "--size", "16x8", "f.yuv", "-o", "out.yuv", "--verbose"}, dir.path());
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_NE(run.out.find("Algorithm [INFO]"), std::string::npos) << run.out;
 }
 
-TEST(VelmoraLongexp, PngOutputDecodesToTheFrameColours) {
+TEST(VelmoraLongexp, PngOutputIsTheFrameInColourInEitherChromaOrder) {
   constexpr int kWidth = 32, kHeight = 16;
   TempDir dir;
-  struct Case {
-    const char* format;
-    uint8_t y, first, second;  // luma, then the chroma pair as stored
-    uint8_t r, g, b;
-  };
-  const Case cases[] = {
-      {"nv12", 128, 128, 128, 128, 128, 128},  // grey
-      {"nv12", 76, 85, 255, 254, 0, 0},        // red: U 85, V 255
-      {"nv21", 76, 255, 85, 254, 0, 0},        // the same red stored V first
-      {"nv12", 150, 44, 21, 0, 255, 1},        // green, clamped at both ends
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.format) + " Y=" + std::to_string(c.y));
-    // A flat frame: the mean is the frame and the sharpen leaves it alone.
-    std::vector<uint8_t> frame(FrameBytes(kWidth, kHeight), c.y);
-    for (size_t i = size_t(kWidth) * kHeight; i < frame.size(); i += 2) {
-      frame[i] = c.first;
-      frame[i + 1] = c.second;
-    }
-    WriteFile(dir / "flat.yuv", frame);
-    const RunResult run =
-        RunTool({"longexp", "--size", "32x16", "--format", c.format, "flat.yuv", "-o", "flat.png"},
-                dir.path());
+  // Flat luma, so that the mean of one frame is the frame and the sharpen leaves it alone; random
+  // chroma, so that a wrong pair order or block shows.
+  testutil::Frame flat = testutil::RandomFrame(kWidth, kHeight, 9);
+  flat.y.assign(flat.y.size(), 90);
+  const std::vector<uint8_t> frame = Packed(flat);
+  WriteFile(dir / "flat.yuv", frame);
+  for (const auto& [name, order] : {std::pair{"nv12", velmora::tool::ChromaOrder::kNv12},
+                                    std::pair{"nv21", velmora::tool::ChromaOrder::kNv21}}) {
+    SCOPED_TRACE(name);
+    const RunResult run = RunTool(
+        {"longexp", "--size", "32x16", "--format", name, "flat.yuv", "-o", "flat.png"}, dir.path());
     ASSERT_EQ(run.exit_code, 0) << run.err;
     Png png;
     ASSERT_TRUE(ReadPng(dir / "flat.png", &png));
     EXPECT_EQ(png.width, uint32_t{kWidth});
     EXPECT_EQ(png.height, uint32_t{kHeight});
-    std::vector<uint8_t> want;
-    for (int i = 0; i < kWidth * kHeight; ++i) want.insert(want.end(), {c.r, c.g, c.b});
-    EXPECT_TRUE(png.rgb == want) << "first pixel " << int(png.rgb[0]) << "," << int(png.rgb[1])
-                                 << "," << int(png.rgb[2]);
+    EXPECT_TRUE(png.rgb == velmora::tool::FrameToRgb(frame.data(), {kWidth, kHeight}, order));
   }
 }
 
@@ -303,13 +226,9 @@ TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
       {{"longexp", "--size", "64x48", "good.yuv", "short.yuv", "-o", "out.png"},
        "short.yuv: size 1000 bytes is not a multiple of the frame size 4608 (64x48 nv12)"},
       {{"longexp", "--size", "64x48", "empty.yuv", "-o", "out.png"}, "empty.yuv: file is empty"},
+      // Each reason of a refused size is ParseSize's own test; here, that it reaches the user.
       {{"longexp", "--size", "63x48", "good.yuv", "-o", "out.png"},
-       "'63x48': width and height must be even"},
-      {{"longexp", "--size", "64x0", "good.yuv", "-o", "out.png"}, "must be non-zero"},
-      {{"longexp", "--size", "64by48", "good.yuv", "-o", "out.png"},
-       "'64by48': expected WIDTHxHEIGHT"},
-      {{"longexp", "--size", "64x48x2", "good.yuv", "-o", "out.png"}, "expected WIDTHxHEIGHT"},
-      {{"longexp", "--size", "99999x48", "good.yuv", "-o", "out.png"}, "at most 16384"},
+       "--size '63x48': width and height must be even"},
       {{"longexp", "good.yuv", "-o", "out.png"}, "missing --size"},
       {{"longexp", "--size", "64x48", "--format", "yuyv", "good.yuv", "-o", "out.png"},
        "'yuyv': unknown format"},
@@ -320,9 +239,6 @@ TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
       {{"longexp", "--size", "64x48", "-o", "out.png"}, "no input frames"},
       {{"longexp", "--size", "64x48", "good.yuv", "-o", "nowhere/out.png"},
        "nowhere/out.png: cannot create"},
-      {{"longexp", "--size", "64x48", "good.yuv", "-o", "good.yuv/out.png"},
-       "good.yuv/out.png: cannot create"},
-      {{"longexp", "--size", "64x48", "good.yuv", "-o", "subdir.png/"}, "unknown output extension"},
       {{"longexp", "--size", "64x48", "good.yuv", "--frobnicate", "-o", "out.png"},
        "unknown option '--frobnicate'"},
       {{"longexp", "--size", "64x48", "--isa", "mmx", "good.yuv", "-o", "out.png"},
@@ -333,14 +249,11 @@ TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
       {{"longexp", "--size", "64x48", "good.yuv", "short.yuv", "-o", "keep.png"},
        "short.yuv: size 1000"},
       {{"demo", "good.yuv"}, "demo takes no input files"},
-      {{"demo", "-o", "demo.gif"}, "demo.gif: unknown output extension"},
-      {{"demo", "-o", "nowhere/demo.png"}, "nowhere/demo.png: cannot create"},
-      {{"demo", "-q"}, "unknown option '-q'"},
       {{"timelapse"}, "unknown command 'timelapse'"},
       {{"--frobnicate"}, "unknown option '--frobnicate'"},
       {{}, "missing command"},
   };
-  const std::vector<std::string> before = dir.list();
+  const std::vector<std::string> before = dir.List();
   for (const Case& c : cases) {
     std::string joined;
     for (const std::string& arg : c.args) joined += " " + arg;
@@ -351,7 +264,7 @@ TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
     EXPECT_EQ(run.err.rfind("velmora: error: ", 0), 0u) << run.err;
     EXPECT_NE(run.err.find(c.names), std::string::npos) << run.err;
     EXPECT_EQ(run.out, "");
-    EXPECT_EQ(dir.list(), before);
+    EXPECT_EQ(dir.List(), before);
   }
   EXPECT_TRUE(ReadFile(dir / "keep.png") == (std::vector<uint8_t>{'o', 'l', 'd'}));
 }
@@ -390,22 +303,14 @@ TEST(VelmoraCli, HelpAndVersionGoToStandardOutput) {
     EXPECT_EQ(run.out.rfind(c.starts, 0), 0u) << run.out;
     EXPECT_EQ(run.err, "");
   }
-  EXPECT_TRUE(dir.list().empty());
+  EXPECT_TRUE(dir.List().empty());
 }
 
 TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
   TempDir dir;
-  std::mt19937 random(3);
-  std::vector<uint8_t> frames;
-  for (int i = 0; i < 4; ++i) {
-    const std::vector<uint8_t> frame = RandomFrame(32, 16, &random);
-    frames.insert(frames.end(), frame.begin(), frame.end());
-  }
-  WriteFile(dir / "burst.yuv", frames);
-  const std::vector<std::string> args = {"longexp",   "--size", "32x16",
-                                         "burst.yuv", "-o",     "out.yuv"};
-
-  const std::vector<std::string> command = ToolCommand(args);
+  WriteFile(dir / "burst.yuv", testutil::RandomBytes(FrameBytes(32, 16) * 4, 3));
+  const std::vector<std::string> command =
+      ToolCommand({"longexp", "--size", "32x16", "burst.yuv", "-o", "out.yuv"});
   int terminal = -1;
   const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
   ASSERT_GE(pid, 0);
@@ -419,10 +324,6 @@ TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
   EXPECT_EQ(shown.rfind("\rvelmora: folded 0/4 frames", 0), 0u) << shown;
   EXPECT_NE(shown.find("\rvelmora: folded 4/4 frames\r\n"), std::string::npos) << shown;
   EXPECT_EQ(shown.back(), '\n');
-
-  const RunResult piped = RunTool(args, dir.path());
-  EXPECT_EQ(piped.exit_code, 0);
-  EXPECT_EQ(piped.err, "");
 }
 
 TEST(VelmoraDemo, WritesA1280x720PngAndSaysWhere) {
@@ -433,7 +334,7 @@ TEST(VelmoraDemo, WritesA1280x720PngAndSaysWhere) {
   EXPECT_EQ(run.out.rfind("wrote ", 0), 0u) << run.out;
   EXPECT_NE(run.out.find("/velmora-demo.png\n"), std::string::npos) << run.out;
   EXPECT_EQ(run.err, "");
-  EXPECT_EQ(dir.list(), std::vector<std::string>{"velmora-demo.png"});
+  EXPECT_EQ(dir.List(), std::vector<std::string>{"velmora-demo.png"});
   Png png;
   ASSERT_TRUE(ReadPng(dir / "velmora-demo.png", &png));
   EXPECT_EQ(png.width, 1280u);

@@ -8,6 +8,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -147,8 +148,8 @@ bool ParseArgs(const std::vector<std::string>& args, const std::vector<KnownOpti
   return true;
 }
 
-// Forces the kernel variant for this run through the variable the library reads.
-bool SelectIsa(const std::string& name, std::string* error) {
+// The kernel variant --isa names, if this machine runs it.
+bool SelectIsa(const std::string& name, Isa* chosen, std::string* error) {
   static const std::pair<const char*, Isa> kIsas[] = {
       {"scalar", Isa::kScalar}, {"avx2", Isa::kAvx2}, {"neon", Isa::kNeon}};
   for (const auto& [isa_name, isa] : kIsas) {
@@ -160,7 +161,7 @@ bool SelectIsa(const std::string& name, std::string* error) {
       *error = "--isa " + name + ": not available on this machine (available: " + available + ")";
       return false;
     }
-    setenv("VELMORA_ISA", isa_name, 1);
+    *chosen = isa;
     return true;
   }
   *error = "--isa '" + name + "': unknown instruction set (use scalar, avx2 or neon)";
@@ -218,6 +219,7 @@ struct CommonOptions {
   std::string output;
   OutputKind kind = OutputKind::kPng;
   bool verbose = false;
+  std::optional<Isa> isa;  // --isa, else the library's own choice
 };
 
 // Validates what both commands share; on failure *error is set.
@@ -232,7 +234,11 @@ bool ReadCommonOptions(const ParsedArgs& parsed, CommonOptions* common, std::str
     *error = common->output + ": unknown output extension (use .png, .yuv, .nv12 or .nv21)";
     return false;
   }
-  return !parsed.has("--isa") || SelectIsa(parsed.value("--isa"), error);
+  if (!parsed.has("--isa")) return true;
+  Isa isa = Isa::kScalar;
+  if (!SelectIsa(parsed.value("--isa"), &isa, error)) return false;
+  common->isa = isa;
+  return true;
 }
 
 // Runs the library over source and writes the picture; returns the exit code.
@@ -243,6 +249,9 @@ int Produce(FrameSource& source, const CommonOptions& common) {
   if (out == nullptr) return Fail(error);
 
   if (!common.verbose) g_stdout = SetStdoutAsideFromLibrary();
+  // Set before the library starts its worker and kept until the picture is out.
+  std::optional<ScopedIsa> forced;
+  if (common.isa) forced.emplace(*common.isa);
   std::vector<uint8_t> picture;
   {
     ProgressLine progress(source.frameCount());
