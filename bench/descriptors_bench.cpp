@@ -14,27 +14,11 @@
 #include "common/cpu.h"
 #include "registration/descriptors.h"
 #include "registration/match.h"
+#include "test_util.h"
 #include "velmora/features.h"
 
 namespace velmora {
 namespace {
-
-// A photograph-like texture: smooth shapes at a few scales, edges, and some noise.
-std::vector<uint8_t> Photo(int width, int height, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> noise(-6.0f, 6.0f);
-  std::vector<uint8_t> img(static_cast<size_t>(width) * height);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      float v = 110.0f + 50.0f * std::sin(x * 0.031f) * std::cos(y * 0.023f) +
-                30.0f * std::sin((x + 2 * y) * 0.11f) + noise(rng);
-      if (((x / 97) + (y / 61)) % 2) v += 40.0f;  // blocks with hard edges: strong corners
-      img[static_cast<size_t>(y) * width + x] =
-          static_cast<uint8_t>(v < 0.0f ? 0.0f : (v > 255.0f ? 255.0f : v));
-    }
-  }
-  return img;
-}
 
 void FreeAll(std::vector<float*>& descriptors) {
   for (float* d : descriptors) std::free(d);
@@ -64,7 +48,7 @@ void LiteralImageFeatures(const unsigned char* img, std::vector<Pointf>& keypoin
 void ImageFeaturesBench(benchmark::State& state) {
   const int w = static_cast<int>(state.range(0)), h = static_cast<int>(state.range(1));
   const int variant = static_cast<int>(state.range(2));
-  std::vector<uint8_t> img = Photo(w, h, 1);
+  std::vector<uint8_t> img = testutil::TexturedImage(w, h, 1);
   std::vector<Pointf> keypoints;
   std::vector<float*> descriptors;
   for (auto _ : state) {
@@ -89,7 +73,7 @@ void ImageFeaturesBench(benchmark::State& state) {
 void DescribeBench(benchmark::State& state) {
   const int w = 960, h = 540;
   const int variant = static_cast<int>(state.range(0));
-  std::vector<uint8_t> img = Photo(w, h, 2);
+  std::vector<uint8_t> img = testutil::TexturedImage(w, h, 2);
   std::vector<Pointf> keypoints;
   for (int y = 0; y < 20; ++y) {
     for (int x = 0; x < 25; ++x) keypoints.push_back(Pointf{20 + x * 37, 15 + y * 26});

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/cpu.h"
+#include "kernel_conformance.h"
 #include "registration/descriptors.h"
 #include "test_util.h"
 #include "velmora/features.h"
@@ -26,22 +27,6 @@ std::vector<float> Describe(std::vector<float>& img, Pointf pt, int width, int h
   std::vector<float> out(kLen, -1.0f);
   calcDescriptor(img.data(), pt, 4, 4, out.data(), width, height);
   return out;
-}
-
-// A smooth random texture, so that neighbouring gradients agree as in a photograph.
-std::vector<uint8_t> Texture(int width, int height, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> u(0.0f, 1.0f);
-  const float fx = 0.05f + 0.3f * u(rng), fy = 0.05f + 0.3f * u(rng), phase = 6.0f * u(rng);
-  std::vector<uint8_t> img(static_cast<size_t>(width) * height);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      const float v = 128.0f + 60.0f * std::sin(fx * x + phase) * std::cos(fy * y) +
-                      40.0f * std::sin(0.7f * fx * y - 1.3f * fy * x) + 20.0f * u(rng);
-      img[static_cast<size_t>(y) * width + x] = static_cast<uint8_t>(std::fmin(v, 255.0f));
-    }
-  }
-  return img;
 }
 
 TEST(FastArctan, WorkedValuesInDegrees) {
@@ -110,7 +95,7 @@ TEST(Descriptor, SixtyFourFiniteValuesInByteRange) {
 // The descriptor depends only on the pixels around the keypoint, wherever they are.
 TEST(Descriptor, ShiftedImageGivesTheSameDescriptorAtTheShiftedKeypoint) {
   const int w = 48, h = 36, sx = 7, sy = 3;
-  const std::vector<uint8_t> bytes = Texture(w, h, 11);
+  const std::vector<uint8_t> bytes = testutil::TexturedImage(w, h, 11);
   std::vector<uint8_t> moved(bytes.size(), 0);
   for (int y = 0; y + sy < h; ++y) {
     for (int x = 0; x + sx < w; ++x) moved[(y + sy) * w + x + sx] = bytes[y * w + x];
@@ -128,7 +113,7 @@ TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
     int w, h;
   };
   for (const Size s : {Size{2, 2}, Size{3, 3}, Size{5, 4}, Size{37, 23}, Size{64, 48}}) {
-    const std::vector<uint8_t> bytes = Texture(s.w, s.h, static_cast<uint32_t>(s.w * s.h));
+    const std::vector<uint8_t> bytes = testutil::TexturedImage(s.w, s.h, static_cast<uint32_t>(s.w * s.h));
     std::vector<float> img = ToFloats(bytes);
     std::vector<Pointf> keypoints;
     for (int y = -1; y <= s.h; y += (s.h > 8 ? 3 : 1)) {
@@ -155,39 +140,48 @@ TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
   }
 }
 
-// Orientation and magnitude of every variant against the scalar definition, over every gradient
-// a byte image can give and a few fractional ones, at lengths that leave every remainder.
-TEST(DescriptorKernels, VariantsMatchScalar) {
-  std::vector<float> dx, dy;
-  for (int y = -255; y <= 255; y += 5) {
-    for (int x = -255; x <= 255; ++x) {
-      dx.push_back(static_cast<float>(x));
-      dy.push_back(static_cast<float>(y));
+// Orientation and magnitude inputs: every gradient a byte image gives (integers -255..255),
+// fractional ones, zeros and equal magnitudes (the branch boundary of the arctangent).
+struct DescriptorFamily {
+  static constexpr const char* kName = "Descriptor";
+  using Kernels = DescriptorKernels;
+  static const Kernels& For(Isa isa) { return DescriptorKernelsFor(isa); }
+
+  struct Case {
+    std::vector<float> dx, dy;
+  };
+
+  static Case Make(int width, int height, uint32_t seed) {
+    const size_t count = static_cast<size_t>(width) * height;
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<int> integer(-255, 255), pick(0, 5);
+    std::uniform_real_distribution<float> fraction(-300.0f, 300.0f);
+    Case c{std::vector<float>(count), std::vector<float>(count)};
+    for (size_t i = 0; i < count; ++i) {
+      c.dx[i] = static_cast<float>(integer(rng));
+      switch (pick(rng)) {
+        case 0: c.dy[i] = c.dx[i]; break;
+        case 1: c.dy[i] = -c.dx[i]; break;
+        case 2: c.dy[i] = 0.0f; break;
+        case 3: c.dx[i] = fraction(rng), c.dy[i] = fraction(rng); break;
+        default: c.dy[i] = static_cast<float>(integer(rng));
+      }
     }
+    return c;
   }
-  std::mt19937 rng(9);
-  std::uniform_real_distribution<float> u(-300.0f, 300.0f);
-  for (int i = 0; i < 1000; ++i) {
-    dx.push_back(u(rng));
-    dy.push_back(i % 3 == 0 ? dx.back() : u(rng));  // diagonals: the branch boundary
+
+  static std::vector<uint8_t> Run(const Kernels& kernels, const Case& c) {
+    std::vector<float> orientation(c.dx.size(), -1.0f), magnitude(c.dx.size(), -1.0f);
+    kernels.orientation_magnitude(c.dx.data(), c.dy.data(), orientation.data(), magnitude.data(),
+                                  static_cast<int>(c.dx.size()));
+    std::vector<uint8_t> out;
+    AppendBytes(out, orientation);
+    AppendBytes(out, magnitude);
+    return out;
   }
-  const int n = static_cast<int>(dx.size());
-  std::vector<float> want_o(n), want_m(n);
-  scalar::OrientationMagnitude(dx.data(), dy.data(), want_o.data(), want_m.data(), n);
-  for (Isa isa : AvailableIsas()) {
-    for (int count : {1, 7, 8, 9, 15, 16, 17, 33, n}) {
-      // Inputs end flush against their allocation.
-      const float* x = dx.data() + n - count;
-      const float* y = dy.data() + n - count;
-      std::vector<float> o(count), m(count);
-      DescriptorKernelsFor(isa).orientation_magnitude(x, y, o.data(), m.data(), count);
-      EXPECT_EQ(std::memcmp(o.data(), want_o.data() + n - count, count * sizeof(float)), 0)
-          << IsaName(isa) << " " << count;
-      EXPECT_EQ(std::memcmp(m.data(), want_m.data() + n - count, count * sizeof(float)), 0)
-          << IsaName(isa) << " " << count;
-    }
-  }
-}
+};
+
+TEST_P(KernelConformance, Descriptor) { ExpectMatchesScalar<DescriptorFamily>(GetParam()); }
 
 }  // namespace
 }  // namespace velmora

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "common/dispatch.h"
+
 namespace velmora {
 
 float FastArctan(float dy, float dx) {
@@ -32,20 +34,14 @@ void OrientationMagnitude(const float* dx, const float* dy, float* orientation, 
   for (int i = 0; i < count; ++i) magnitude[i] = std::sqrt(dx[i] * dx[i] + dy[i] * dy[i]);
 }
 
+const DescriptorKernels kDescriptor{OrientationMagnitude};
+
 }  // namespace scalar
 
 const DescriptorKernels& DescriptorKernelsFor(Isa isa) {
-  static const DescriptorKernels kScalar{scalar::OrientationMagnitude};
-#if defined(VELMORA_HAVE_AVX2)
-  static const DescriptorKernels kAvx2{avx2::OrientationMagnitude};
-  if (isa == Isa::kAvx2) return kAvx2;
-#endif
-#if defined(VELMORA_HAVE_NEON)
-  static const DescriptorKernels kNeon{neon::OrientationMagnitude};
-  if (isa == Isa::kNeon) return kNeon;
-#endif
-  (void)isa;
-  return kScalar;
+  static const IsaTable<DescriptorKernels> t{&scalar::kDescriptor, VELMORA_AVX2(kDescriptor),
+                                             VELMORA_NEON(kDescriptor)};
+  return Pick(t, isa);
 }
 
 }  // namespace velmora

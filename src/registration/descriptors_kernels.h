@@ -14,22 +14,21 @@ namespace velmora {
 using OrientationMagnitudeFn = void (*)(const float* dx, const float* dy, float* orientation,
                                         float* magnitude, int count);
 
-namespace scalar {
-void OrientationMagnitude(const float* dx, const float* dy, float* orientation, float* magnitude,
-                          int count);
-}  // namespace scalar
-namespace avx2 {
-void OrientationMagnitude(const float* dx, const float* dy, float* orientation, float* magnitude,
-                          int count);
-}  // namespace avx2
-namespace neon {
-void OrientationMagnitude(const float* dx, const float* dy, float* orientation, float* magnitude,
-                          int count);
-}  // namespace neon
-
 struct DescriptorKernels {
   OrientationMagnitudeFn orientation_magnitude;
 };
+
+namespace scalar {
+void OrientationMagnitude(const float* dx, const float* dy, float* orientation, float* magnitude,
+                          int count);
+extern const DescriptorKernels kDescriptor;
+}  // namespace scalar
+namespace avx2 {
+extern const DescriptorKernels kDescriptor;
+}  // namespace avx2
+namespace neon {
+extern const DescriptorKernels kDescriptor;
+}  // namespace neon
 
 const DescriptorKernels& DescriptorKernelsFor(Isa isa);
 

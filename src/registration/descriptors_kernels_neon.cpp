@@ -7,6 +7,7 @@
 
 namespace velmora {
 namespace neon {
+namespace {
 
 void OrientationMagnitude(const float* dx, const float* dy, float* orientation, float* magnitude,
                           int count) {
@@ -38,6 +39,10 @@ void OrientationMagnitude(const float* dx, const float* dy, float* orientation, 
   }
   scalar::OrientationMagnitude(dx + i, dy + i, orientation + i, magnitude + i, count - i);
 }
+
+}  // namespace
+
+const DescriptorKernels kDescriptor{OrientationMagnitude};
 
 }  // namespace neon
 }  // namespace velmora

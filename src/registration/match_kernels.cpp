@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "common/dispatch.h"
+
 namespace velmora {
 
 float DistanceRule(const float* a, const float* b, int stride) {
@@ -34,20 +36,13 @@ void Distances(const float* a, const float* panels, int count, float* dist) {
   }
 }
 
+const MatchKernels kMatch{Distances};
+
 }  // namespace scalar
 
 const MatchKernels& MatchKernelsFor(Isa isa) {
-  static const MatchKernels kScalar{scalar::Distances};
-#if defined(VELMORA_HAVE_AVX2)
-  static const MatchKernels kAvx2{avx2::Distances};
-  if (isa == Isa::kAvx2) return kAvx2;
-#endif
-#if defined(VELMORA_HAVE_NEON)
-  static const MatchKernels kNeon{neon::Distances};
-  if (isa == Isa::kNeon) return kNeon;
-#endif
-  (void)isa;
-  return kScalar;
+  static const IsaTable<MatchKernels> t{&scalar::kMatch, VELMORA_AVX2(kMatch), VELMORA_NEON(kMatch)};
+  return Pick(t, isa);
 }
 
 }  // namespace velmora

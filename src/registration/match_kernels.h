@@ -16,19 +16,20 @@ constexpr int kPanelFloats = kPanel * kDescriptorLength;
 // dist[j] = the distance of a to packed candidate j, j = 0 .. count - 1, each by DistanceRule.
 using DistancesFn = void (*)(const float* a, const float* panels, int count, float* dist);
 
-namespace scalar {
-void Distances(const float* a, const float* panels, int count, float* dist);
-}  // namespace scalar
-namespace avx2 {
-void Distances(const float* a, const float* panels, int count, float* dist);
-}  // namespace avx2
-namespace neon {
-void Distances(const float* a, const float* panels, int count, float* dist);
-}  // namespace neon
-
 struct MatchKernels {
   DistancesFn distances;
 };
+
+namespace scalar {
+void Distances(const float* a, const float* panels, int count, float* dist);
+extern const MatchKernels kMatch;
+}  // namespace scalar
+namespace avx2 {
+extern const MatchKernels kMatch;
+}  // namespace avx2
+namespace neon {
+extern const MatchKernels kMatch;
+}  // namespace neon
 
 const MatchKernels& MatchKernelsFor(Isa isa);
 

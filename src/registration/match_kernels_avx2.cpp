@@ -17,8 +17,6 @@ __m256 Finish(__m256d lo, __m256d hi) {
   return _mm256_sqrt_ps(sums);
 }
 
-}  // namespace
-
 void Distances(const float* a, const float* panels, int count, float* dist) {
   const int full = count / kPanel;
   int p = 0;
@@ -57,6 +55,10 @@ void Distances(const float* a, const float* panels, int count, float* dist) {
                            kPanel);
   }
 }
+
+}  // namespace
+
+const MatchKernels kMatch{Distances};
 
 }  // namespace avx2
 }  // namespace velmora

@@ -9,6 +9,8 @@
 namespace velmora {
 namespace neon {
 
+namespace {
+
 void Distances(const float* a, const float* panels, int count, float* dist) {
   const int full = count / kPanel;
   for (int p = 0; p < full; ++p) {
@@ -35,6 +37,10 @@ void Distances(const float* a, const float* panels, int count, float* dist) {
                            kPanel);
   }
 }
+
+}  // namespace
+
+const MatchKernels kMatch{Distances};
 
 }  // namespace neon
 }  // namespace velmora
