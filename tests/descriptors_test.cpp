@@ -2,6 +2,7 @@
 // range, translation invariance, and every batch path against calcDescriptor bit for bit.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -40,6 +41,27 @@ TEST(FastArctan, WorkedValuesInDegrees) {
   };
   for (const Case& c : cases) {
     EXPECT_EQ(FastArctan(c.dy, c.dx), c.degrees) << "dy " << c.dy << " dx " << c.dx;
+  }
+}
+
+// Orientation runs counter-clockwise from +x with image rows growing downward (dy is up minus
+// down): ramps along +x, up, -x and down put every cell's vote in bins 0, 1, 2 and 3.
+TEST(Descriptor, RampDirectionPicksTheBin) {
+  const int w = 16, h = 16;
+  struct Ramp {
+    float per_x, per_y;
+    int bin;
+  };
+  for (const Ramp r : {Ramp{3, 0, 0}, Ramp{0, -3, 1}, Ramp{-3, 0, 2}, Ramp{0, 3, 3}}) {
+    std::vector<float> img(w * h);
+    for (int y = 0; y < h; ++y) {
+      for (int x = 0; x < w; ++x) img[y * w + x] = 100.0f + r.per_x * x + r.per_y * y;
+    }
+    const std::vector<float> desc = Describe(img, Pointf{8, 8}, w, h);
+    for (int cell = 0; cell < 16; ++cell) {
+      const float* bins = &desc[cell * 4];
+      EXPECT_EQ(std::max_element(bins, bins + 4) - bins, r.bin) << "cell " << cell;
+    }
   }
 }
 
