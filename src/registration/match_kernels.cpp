@@ -1,6 +1,7 @@
 #include "registration/match_kernels.h"
 
 #include <cmath>
+#include <cstddef>
 #include <cstdlib>
 
 #include "common/dispatch.h"

@@ -4,6 +4,8 @@
 // flight. Candidates past the last full panel take the scalar rule.
 #include <immintrin.h>
 
+#include <cstddef>
+
 #include "registration/match_kernels.h"
 
 namespace velmora {

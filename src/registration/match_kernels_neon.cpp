@@ -4,6 +4,8 @@
 // the last full panel take the scalar rule.
 #include <arm_neon.h>
 
+#include <cstddef>
+
 #include "registration/match_kernels.h"
 
 namespace velmora {
