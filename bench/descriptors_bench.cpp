@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/cpu.h"
+#include "registration/corners.h"
 #include "registration/descriptors.h"
 #include "registration/match.h"
 #include "test_util.h"
@@ -25,14 +26,15 @@ void FreeAll(std::vector<float*>& descriptors) {
   descriptors.clear();
 }
 
-// calImageFeatures as the rule reads: private copy, detector, one malloc per descriptor, a float
-// image, calcDescriptor per keypoint.
+// calImageFeatures as the rule reads: private copy, scalar detector, one malloc per descriptor,
+// a float image, calcDescriptor per keypoint.
 void LiteralImageFeatures(const unsigned char* img, std::vector<Pointf>& keypoints,
                           std::vector<float*>& descriptors, int width, int height) {
   const size_t pixels = static_cast<size_t>(width) * height;
   unsigned char* copy = static_cast<unsigned char*>(std::malloc(pixels));
   std::memcpy(copy, img, pixels);
-  goodFeaturesToTrack(copy, keypoints, width, height, 500, 0.01, 60, 3);
+  // The detector's plain scalar definition; its own literal rendering lives with its benchmark.
+  DetectCorners(CornerKernelsFor(Isa::kScalar), copy, keypoints, width, height, 500, 0.01, 60, 3);
   descriptors.resize(keypoints.size());
   for (float*& slot : descriptors) slot = static_cast<float*>(std::malloc(256));
   float* gray = static_cast<float*>(std::malloc(pixels * sizeof(float)));
@@ -56,8 +58,7 @@ void ImageFeaturesBench(benchmark::State& state) {
     if (variant < 0) {
       LiteralImageFeatures(img.data(), keypoints, descriptors, w, h);
     } else {
-      ImageFeatures(img.data(), true, 60, keypoints, descriptors, w, h,
-                    DescriptorKernelsFor(static_cast<Isa>(variant)));
+      ImageFeatures(img.data(), true, 60, keypoints, descriptors, w, h, static_cast<Isa>(variant));
     }
     state.PauseTiming();
     FreeAll(descriptors);
@@ -90,7 +91,7 @@ void DescribeBench(benchmark::State& state) {
       }
     } else {
       DescribeKeypoints(img.data(), keypoints, slots, w, h,
-                        DescriptorKernelsFor(static_cast<Isa>(variant)));
+                        GradientKernelsFor(static_cast<Isa>(variant)));
     }
     benchmark::DoNotOptimize(out.data());
   }

@@ -1,5 +1,5 @@
-// Descriptors: the fast arctangent's worked values, the vote's once-only bin wrap, the value
-// range, translation invariance, and every batch path against calcDescriptor bit for bit.
+// Descriptors: the orientation bins, the vote's once-only bin wrap, the value range, translation
+// invariance, every batch path against calcDescriptor bit for bit, and the feature entry points.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "common/cpu.h"
-#include "kernel_conformance.h"
 #include "registration/descriptors.h"
 #include "test_util.h"
 #include "velmora/features.h"
@@ -28,20 +27,6 @@ std::vector<float> Describe(std::vector<float>& img, Pointf pt, int width, int h
   std::vector<float> out(kLen, -1.0f);
   calcDescriptor(img.data(), pt, 4, 4, out.data(), width, height);
   return out;
-}
-
-TEST(FastArctan, WorkedValuesInDegrees) {
-  struct Case {
-    float dy, dx, degrees;
-  };
-  const Case cases[] = {
-      {0, 0, 0.0f},      {0, 1, 0.0f},          {1, 0, 90.0f},         {0, -1, 180.0f},
-      {-1, 0, 270.0f},   {1, 1, 44.990456f},    {-1, -1, 224.99045f},  {1, 2, 26.567104f},
-      {-3, 4, 323.1363f}, {-0.0f, -1, 180.0f},  // negative zero is not negative
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(FastArctan(c.dy, c.dx), c.degrees) << "dy " << c.dy << " dx " << c.dx;
-  }
 }
 
 // Orientation runs counter-clockwise from +x with image rows growing downward (dy is up minus
@@ -155,55 +140,63 @@ TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
         << "genDescripter " << s.w << "x" << s.h;
     for (Isa isa : AvailableIsas()) {
       std::fill(got.begin(), got.end(), -1.0f);
-      DescribeKeypoints(bytes.data(), keypoints, slots, s.w, s.h, DescriptorKernelsFor(isa));
+      DescribeKeypoints(bytes.data(), keypoints, slots, s.w, s.h, GradientKernelsFor(isa));
       EXPECT_EQ(std::memcmp(got.data(), expected.data(), got.size() * sizeof(float)), 0)
           << IsaName(isa) << " " << s.w << "x" << s.h;
     }
   }
 }
 
-// Orientation and magnitude inputs: every gradient a byte image gives (integers -255..255),
-// fractional ones, zeros and equal magnitudes (the branch boundary of the arctangent).
-struct DescriptorFamily {
-  static constexpr const char* kName = "Descriptor";
-  using Kernels = DescriptorKernels;
-  static const Kernels& For(Isa isa) { return DescriptorKernelsFor(isa); }
+// calImageFeatures and calImageFeatures_1: the detector's corners with their parameters, each
+// described as genDescripter describes it, the input untouched by the const entry.
+TEST(ImageFeatures, DescribesTheDetectedCornersLikeGenDescripter) {
+  const int w = 320, h = 240;
+  const std::vector<uint8_t> img = testutil::TexturedImage(w, h, 21);
+  for (int entry = 0; entry < 2; ++entry) {
+    const int min_distance = entry == 0 ? 60 : 45;
+    std::vector<uint8_t> input = img;
+    std::vector<Pointf> keypoints;
+    std::vector<float*> descriptors;
+    if (entry == 0) calImageFeatures(input.data(), keypoints, descriptors, w, h);
+    else calImageFeatures_1(input.data(), keypoints, descriptors, w, h);
+    EXPECT_EQ(input, img);
 
-  struct Case {
-    std::vector<float> dx, dy;
-  };
-
-  static Case Make(int width, int height, uint32_t seed) {
-    const size_t count = static_cast<size_t>(width) * height;
-    std::mt19937 rng(seed);
-    std::uniform_int_distribution<int> integer(-255, 255), pick(0, 5);
-    std::uniform_real_distribution<float> fraction(-300.0f, 300.0f);
-    Case c{std::vector<float>(count), std::vector<float>(count)};
-    for (size_t i = 0; i < count; ++i) {
-      c.dx[i] = static_cast<float>(integer(rng));
-      switch (pick(rng)) {
-        case 0: c.dy[i] = c.dx[i]; break;
-        case 1: c.dy[i] = -c.dx[i]; break;
-        case 2: c.dy[i] = 0.0f; break;
-        case 3: c.dx[i] = fraction(rng), c.dy[i] = fraction(rng); break;
-        default: c.dy[i] = static_cast<float>(integer(rng));
-      }
+    std::vector<uint8_t> copy = img;
+    std::vector<Pointf> corners;
+    goodFeaturesToTrack(copy.data(), corners, w, h, 500, 0.01, min_distance, 3);
+    ASSERT_GT(corners.size(), 4u);
+    ASSERT_EQ(keypoints.size(), corners.size()) << min_distance;
+    ASSERT_EQ(descriptors.size(), corners.size());
+    std::vector<float> want(corners.size() * kLen);
+    std::vector<float*> slots;
+    for (size_t i = 0; i < corners.size(); ++i) slots.push_back(want.data() + i * kLen);
+    genDescripter(copy.data(), corners, slots, w, h);
+    for (size_t i = 0; i < corners.size(); ++i) {
+      EXPECT_EQ(keypoints[i].x, corners[i].x);
+      EXPECT_EQ(keypoints[i].y, corners[i].y);
+      EXPECT_EQ(std::memcmp(descriptors[i], slots[i], kLen * sizeof(float)), 0) << i;
+      std::free(descriptors[i]);
     }
-    return c;
   }
+}
 
-  static std::vector<uint8_t> Run(const Kernels& kernels, const Case& c) {
-    std::vector<float> orientation(c.dx.size(), -1.0f), magnitude(c.dx.size(), -1.0f);
-    kernels.orientation_magnitude(c.dx.data(), c.dy.data(), orientation.data(), magnitude.data(),
-                                  static_cast<int>(c.dx.size()));
-    std::vector<uint8_t> out;
-    AppendBytes(out, orientation);
-    AppendBytes(out, magnitude);
-    return out;
-  }
-};
-
-TEST_P(KernelConformance, Descriptor) { ExpectMatchesScalar<DescriptorFamily>(GetParam()); }
+// The entry points do not clear keypoints (the detector appends): a keypoint already there keeps
+// its place and gets a descriptor too, since the descriptors follow the whole vector.
+TEST(ImageFeatures, KeypointsAlreadyThereAreKeptAndDescribed) {
+  const int w = 160, h = 120;
+  std::vector<uint8_t> img = testutil::TexturedImage(w, h, 22);
+  std::vector<Pointf> keypoints = {Pointf{50, 40}};
+  std::vector<float*> descriptors;
+  calImageFeatures(img.data(), keypoints, descriptors, w, h);
+  ASSERT_GT(keypoints.size(), 1u);
+  ASSERT_EQ(descriptors.size(), keypoints.size());
+  std::vector<float> gray(img.begin(), img.end());
+  std::vector<float> want(kLen);
+  calcDescriptor(gray.data(), Pointf{50, 40}, 4, 4, want.data(), w, h);
+  EXPECT_EQ(keypoints[0].x, 50);
+  EXPECT_EQ(std::memcmp(descriptors[0], want.data(), kLen * sizeof(float)), 0);
+  for (float* d : descriptors) std::free(d);
+}
 
 }  // namespace
 }  // namespace velmora

@@ -166,7 +166,13 @@ TEST_F(HandleTest, FoldsFramesIntoARunningMeanInDoublePrecision) {
 TEST_F(HandleTest, StopDropsQueuedFramesButFinishesTheOneInProgress) {
   handle_.start_process();
   Frame first = Flat(8, 4, 10);
-  Feed(first);
+  // Waited for through the result record, not a marker job: the pool's semaphore counts
+  // transitions to zero, and a marker's own transition could leave a second post behind that
+  // lets stop_process return while the held job below still runs.
+  image img = MakeImage(first);
+  rect first_roi{};
+  ASSERT_EQ(handle_.process_image(&img, &first_roi), 0);
+  while (handle_.mean_record().plane_num == 0) std::this_thread::yield();
 
   Blocker blocker;
   blocker.Submit();

@@ -40,6 +40,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -49,6 +50,9 @@
 namespace velmora {
 
 class KernelConformance : public ::testing::TestWithParam<Isa> {};
+
+// The ISA by name in test listings and messages.
+inline void PrintTo(Isa isa, std::ostream* out) { *out << IsaName(isa); }
 
 struct ConformanceSize {
   int width;

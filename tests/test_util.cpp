@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <random>
 
 namespace testutil {
@@ -209,6 +211,33 @@ void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
 std::vector<uint8_t> ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+std::vector<float> RandomFloats(size_t count, uint32_t seed, int special_in) {
+  std::mt19937 rng(seed);
+  std::uniform_int_distribution<int> special(0, special_in - 1), kind(0, 6), small(-4, 4);
+  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+  std::uniform_int_distribution<int> expo(-20, 20);
+  std::vector<float> v(count);
+  for (float& f : v) {
+    if (special(rng) != 0) {
+      f = kind(rng) < 2 ? static_cast<float>(small(rng)) : std::ldexp(unit(rng), expo(rng));
+      continue;
+    }
+    switch (kind(rng)) {
+      case 0: f = 0.0f; break;
+      case 1: f = -0.0f; break;
+      case 2: f = std::numeric_limits<float>::infinity(); break;
+      case 3: f = -std::numeric_limits<float>::infinity(); break;
+      case 4: f = std::numeric_limits<float>::quiet_NaN(); break;
+      case 5: f = 1e-40f * unit(rng); break;
+      default: {
+        const uint32_t b = static_cast<uint32_t>(rng());
+        std::memcpy(&f, &b, 4);
+      }
+    }
+  }
+  return v;
 }
 
 }  // namespace testutil

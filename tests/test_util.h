@@ -29,6 +29,11 @@ Frame RandomFrame(int width, int height, uint32_t seed);
 // alike; the same seed gives the same image on every platform.
 std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed);
 
+// Floats of every kind for the float kernels: mostly ordinary values of wide range and small
+// integers (ties, equal values) and, one in special_in on average, zeros of both signs,
+// infinities, NaN, subnormals and arbitrary bit patterns.
+std::vector<float> RandomFloats(size_t count, uint32_t seed, int special_in = 4);
+
 // The frame as one buffer, as files and the tool hold it: luma, then chroma.
 std::vector<uint8_t> Packed(const Frame& frame);
 

@@ -13,7 +13,8 @@ bool IsaAvailable(Isa isa);
 
 // The variant the library's entry points run on: the one a live ScopedIsa forces, else the one
 // the environment variable VELMORA_ISA names ("scalar", "avx2" or "neon"; read once, at the first
-// call), else the fastest available. An unavailable or unknown choice falls back to the fastest.
+// call), else the fastest available. A forced variant this machine lacks is ignored; an
+// unavailable or unknown name in the variable gives the fastest.
 Isa ActiveIsa();
 
 // Every variant available here, scalar first.

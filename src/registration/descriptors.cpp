@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "registration/corners.h"
+
 namespace velmora {
 namespace {
 
@@ -164,7 +166,7 @@ class Window {
   Window& operator=(const Window&) = delete;
 
   void Describe(const unsigned char* img, int width, int height, Pointf pt,
-                const DescriptorKernels& kernels, float* dst) {
+                const GradientKernels& kernels, float* dst) {
     float* dx = scratch_;
     float* dy = dx + count_;
     float* orientation = dy + count_;
@@ -180,7 +182,9 @@ class Window {
       dy[m] = static_cast<float>(p[-width] - p[width]);  // up minus down
       which_[m++] = t;
     }
-    kernels.orientation_magnitude(dx, dy, orientation, magnitude, m);
+    // The orientation is the fast arctangent of the gradient primitives, in degrees.
+    kernels.arctan(dy, dx, orientation, m);
+    kernels.magnitude(dx, dy, magnitude, m);
     std::memset(hist - 1, 0, sizeof(float) * (s_.hist_len + 1));
     for (int q = 0; q < m; ++q) {
       const WindowSample& w = samples_[which_[q]];
@@ -202,7 +206,7 @@ class Window {
 
 void DescribeKeypoints(const unsigned char* img, const std::vector<Pointf>& keypoints,
                        const std::vector<float*>& descriptors, int width, int height,
-                       const DescriptorKernels& kernels) {
+                       const GradientKernels& kernels) {
   Window window(Shape(4, 4, width, height));
   for (size_t i = 0; i < keypoints.size(); ++i) {
     window.Describe(img, width, height, keypoints[i], kernels, descriptors[i]);
@@ -211,7 +215,7 @@ void DescribeKeypoints(const unsigned char* img, const std::vector<Pointf>& keyp
 
 void ImageFeatures(unsigned char* img, bool private_copy, int min_distance,
                    std::vector<Pointf>& keypoints, std::vector<float*>& descriptors, int width,
-                   int height, const DescriptorKernels& kernels) {
+                   int height, Isa isa) {
   const size_t pixels = static_cast<size_t>(width) * height;
   unsigned char* copy = nullptr;
   if (private_copy) {
@@ -219,13 +223,14 @@ void ImageFeatures(unsigned char* img, bool private_copy, int min_distance,
     std::memcpy(copy, img, pixels);
   }
   unsigned char* gray = private_copy ? copy : img;
-  goodFeaturesToTrack(gray, keypoints, width, height, 500, 0.01, min_distance, 3);
+  // goodFeaturesToTrack, on the corner kernels of the same variant.
+  DetectCorners(CornerKernelsFor(isa), gray, keypoints, width, height, 500, 0.01, min_distance, 3);
   // Slots past the new size are dropped without being freed, and a pointer already in a slot is
   // overwritten, not freed: the blocks belong to the caller, who passes an empty vector.
   descriptors.resize(keypoints.size());
   for (float*& slot : descriptors) slot = static_cast<float*>(std::malloc(64 * sizeof(float)));
   // No float copy of the image: DescribeKeypoints reads the bytes to the same values.
-  DescribeKeypoints(gray, keypoints, descriptors, width, height, kernels);
+  DescribeKeypoints(gray, keypoints, descriptors, width, height, GradientKernelsFor(isa));
   std::free(copy);
 }
 
@@ -266,7 +271,7 @@ void calcDescriptor(float* img, Pointf pt, int d, int n, float* dst, int width, 
       ++k;
     }
   }
-  for (int q = 0; q < k; ++q) orientation[q] = velmora::FastArctan(y[q], x[q]);
+  for (int q = 0; q < k; ++q) orientation[q] = velmora::ArctanOf(y[q], x[q]);
   for (int q = 0; q < k; ++q) x[q] = std::sqrt(x[q] * x[q] + y[q] * y[q]);
   for (int q = 0; q < k; ++q) weight[q] = std::exp(weight[q]);
 
@@ -281,18 +286,18 @@ void calcDescriptor(float* img, Pointf pt, int d, int n, float* dst, int width, 
 void genDescripter(unsigned char* img, std::vector<Pointf>& keypoints,
                    std::vector<float*>& descriptors, int width, int height) {
   velmora::DescribeKeypoints(img, keypoints, descriptors, width, height,
-                             velmora::DescriptorKernelsFor(velmora::ActiveIsa()));
+                             velmora::GradientKernelsFor(velmora::ActiveIsa()));
 }
 
 void calImageFeatures(const unsigned char* img, std::vector<Pointf>& keypoints,
                       std::vector<float*>& descriptors, int width, int height) {
   // Only read: the detector and the descriptors work on a private copy.
   velmora::ImageFeatures(const_cast<unsigned char*>(img), true, 60, keypoints, descriptors, width,
-                         height, velmora::DescriptorKernelsFor(velmora::ActiveIsa()));
+                         height, velmora::ActiveIsa());
 }
 
 void calImageFeatures_1(unsigned char* img, std::vector<Pointf>& keypoints,
                         std::vector<float*>& descriptors, int width, int height) {
   velmora::ImageFeatures(img, false, 45, keypoints, descriptors, width, height,
-                         velmora::DescriptorKernelsFor(velmora::ActiveIsa()));
+                         velmora::ActiveIsa());
 }

@@ -4,7 +4,8 @@
 
 #include <vector>
 
-#include "registration/descriptors_kernels.h"
+#include "common/cpu.h"
+#include "filters/gradient_kernels.h"
 #include "velmora/features.h"
 
 namespace velmora {
@@ -13,13 +14,13 @@ namespace velmora {
 // 8-bit image; the same floats as calcDescriptor over the image converted to floats.
 void DescribeKeypoints(const unsigned char* img, const std::vector<Pointf>& keypoints,
                        const std::vector<float*>& descriptors, int width, int height,
-                       const DescriptorKernels& kernels);
+                       const GradientKernels& kernels);
 
 // calImageFeatures (on a private copy, corners min_distance apart) or calImageFeatures_1 (on
-// img itself) with the given kernels.
+// img itself), detector and descriptors on the kernels of isa.
 void ImageFeatures(unsigned char* img, bool private_copy, int min_distance,
                    std::vector<Pointf>& keypoints, std::vector<float*>& descriptors, int width,
-                   int height, const DescriptorKernels& kernels);
+                   int height, Isa isa);
 
 }  // namespace velmora
 

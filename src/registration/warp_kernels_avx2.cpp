@@ -1,0 +1,346 @@
+// AVX2 row kernels of the perspective warps, eight destination pixels at a time: the mapping in
+// double (two groups of four lanes, the same products and exact divisions as the scalar rule),
+// the samples fetched by gathers, the blends in integers or double. Each row is finished
+// by the scalar rule. Compiled with -mavx2 only (no FMA): every product is rounded on its own.
+// No library templates or shared inline helpers here: an instantiation built with -mavx2 could
+// be the copy the linker keeps for all.
+#include <immintrin.h>
+
+#include "registration/warp_kernels.h"
+
+namespace velmora {
+namespace avx2 {
+namespace {
+
+constexpr int kStep = 8;
+
+// The nine elements broadcast once per row.
+struct Matrix {
+  explicit Matrix(const double* H) {
+    for (int i = 0; i < 9; ++i) h[i] = _mm256_set1_pd(H[i]);
+  }
+  __m256d h[9];
+};
+
+// Source positions of eight consecutive pixels of a row: lanes 0..3 in [0], 4..7 in [1].
+struct Positions {
+  __m256d x[2];
+  __m256d y[2];
+};
+
+// Columns x + 4g .. x + 4g + 3 as doubles (exact).
+__m256d Columns(int x, int g) {
+  return _mm256_add_pd(_mm256_set1_pd(static_cast<double>(x + 4 * g)),
+                       _mm256_setr_pd(0.0, 1.0, 2.0, 3.0));
+}
+
+// 2 * H(x / 2, y / 2): hx = x * 0.5, w = H8 + (H6 hx + H7 hy), sx = 2 ((H2 + (H0 hx + H1 hy)) / w).
+Positions HalfScale(const Matrix& m, const double* H, int x, int y) {
+  const double hy = static_cast<double>(y) * 0.5;
+  const __m256d h1y = _mm256_set1_pd(H[1] * hy);
+  const __m256d h4y = _mm256_set1_pd(H[4] * hy);
+  const __m256d h7y = _mm256_set1_pd(H[7] * hy);
+  const __m256d two = _mm256_set1_pd(2.0);
+  Positions p;
+  for (int g = 0; g < 2; ++g) {
+    const __m256d hx = _mm256_mul_pd(Columns(x, g), _mm256_set1_pd(0.5));
+    const __m256d w = _mm256_add_pd(m.h[8], _mm256_add_pd(_mm256_mul_pd(m.h[6], hx), h7y));
+    const __m256d nx = _mm256_add_pd(m.h[2], _mm256_add_pd(_mm256_mul_pd(m.h[0], hx), h1y));
+    const __m256d ny = _mm256_add_pd(m.h[5], _mm256_add_pd(_mm256_mul_pd(m.h[3], hx), h4y));
+    p.x[g] = _mm256_mul_pd(two, _mm256_div_pd(nx, w));
+    p.y[g] = _mm256_mul_pd(two, _mm256_div_pd(ny, w));
+  }
+  return p;
+}
+
+// H(x, y) plus the source's offsets.
+Positions FullScale(const Matrix& m, const double* H, const BilinearSource& src, int x, int y) {
+  const double yd = static_cast<double>(y);
+  const __m256d h1y = _mm256_set1_pd(H[1] * yd);
+  const __m256d h4y = _mm256_set1_pd(H[4] * yd);
+  const __m256d h7y = _mm256_set1_pd(H[7] * yd);
+  Positions p;
+  for (int g = 0; g < 2; ++g) {
+    const __m256d xs = Columns(x, g);
+    const __m256d w = _mm256_add_pd(m.h[8], _mm256_add_pd(_mm256_mul_pd(m.h[6], xs), h7y));
+    const __m256d nx = _mm256_add_pd(m.h[2], _mm256_add_pd(_mm256_mul_pd(m.h[0], xs), h1y));
+    const __m256d ny = _mm256_add_pd(m.h[5], _mm256_add_pd(_mm256_mul_pd(m.h[3], xs), h4y));
+    p.x[g] = _mm256_add_pd(_mm256_div_pd(nx, w), _mm256_set1_pd(src.offset_x));
+    p.y[g] = _mm256_add_pd(_mm256_div_pd(ny, w), _mm256_set1_pd(src.offset_y));
+  }
+  return p;
+}
+
+// 0 <= v <= last, ordered compares: NaN lanes are false.
+__m256d InRange(__m256d v, double last) {
+  return _mm256_and_pd(_mm256_cmp_pd(v, _mm256_setzero_pd(), _CMP_GE_OQ),
+                       _mm256_cmp_pd(v, _mm256_set1_pd(last), _CMP_LE_OQ));
+}
+
+// Eight int32 lanes from two groups of four double lanes.
+__m256i Join(__m128i lo, __m128i hi) { return _mm256_set_m128i(hi, lo); }
+
+// A double lane mask (all ones or zeros) as an int32 lane mask of the group's four lanes.
+__m128i MaskToInt(__m256d m) {
+  const __m256i odd_dropped = _mm256_permutevar8x32_epi32(_mm256_castpd_si256(m),
+                                                          _mm256_setr_epi32(0, 2, 4, 6, 0, 0, 0, 0));
+  return _mm256_castsi256_si128(odd_dropped);
+}
+
+// The bytes at base + off (and the next one, if it lies in the plane) of eight lanes, moved to
+// the low end of each lane, from one 4-byte gather placed inside the plane's `size` bytes (4 or
+// more) so that nothing past it is read. A lane whose second byte would lie beyond gets 0 there,
+// and a lane whose first byte would (off >= size) gets 0 in both: the callers give such bytes a
+// weight of 0 or replace them.
+__m256i WordAt(const uint8_t* base, __m256i off, int size) {
+  const __m256i start = _mm256_min_epi32(
+      _mm256_max_epi32(_mm256_sub_epi32(off, _mm256_set1_epi32(2)), _mm256_setzero_si256()),
+      _mm256_set1_epi32(size - 4));
+  const __m256i word = _mm256_i32gather_epi32(reinterpret_cast<const int*>(base), start, 1);
+  return _mm256_srlv_epi32(word, _mm256_slli_epi32(_mm256_sub_epi32(off, start), 3));
+}
+
+// WordAt's two bytes as two int16 (first, second) per lane, ready for a 16-bit multiply-add.
+__m256i PairAt(const uint8_t* base, __m256i off, int size) {
+  const __m256i spread = _mm256_setr_epi8(0, -1, 1, -1, 4, -1, 5, -1, 8, -1, 9, -1, 12, -1, 13, -1,
+                                          0, -1, 1, -1, 4, -1, 5, -1, 8, -1, 9, -1, 12, -1, 13, -1);
+  return _mm256_shuffle_epi8(WordAt(base, off, size), spread);
+}
+
+// The bytes at base + off and base + off + dx (dx 0 or 1) of eight lanes, from a plane of `size`
+// bytes (4 or more).
+void GatherPairs(const uint8_t* base, __m256i off, __m256i dx, int size, __m256i* a, __m256i* b) {
+  const __m256i word = WordAt(base, off, size);
+  const __m256i byte = _mm256_set1_epi32(0xff);
+  *a = _mm256_and_si256(word, byte);
+  *b = _mm256_and_si256(_mm256_srlv_epi32(word, _mm256_slli_epi32(dx, 3)), byte);
+}
+
+// Eight values 0..255 in int32 lanes, stored as eight bytes.
+void Store8(uint8_t* p, __m256i v) {
+  const __m128i words =
+      _mm_packus_epi32(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(words, words));
+}
+
+// The floors, the fractions (position - floor) and the in-view mask of eight positions of the
+// double-precision bilinear rule; out-of-view lanes are moved to 0 before any conversion.
+struct Cells {
+  __m256i x0, y0, mask;
+  __m256d fx[2], fy[2];
+};
+
+Cells Split(const Positions& p, double max_x, double max_y) {
+  Cells c;
+  __m128i x0[2], y0[2], mask[2];
+  for (int g = 0; g < 2; ++g) {
+    const __m256d in = _mm256_and_pd(InRange(p.x[g], max_x), InRange(p.y[g], max_y));
+    const __m256d sx = _mm256_and_pd(p.x[g], in);
+    const __m256d sy = _mm256_and_pd(p.y[g], in);
+    const __m256d fl_x = _mm256_floor_pd(sx);
+    const __m256d fl_y = _mm256_floor_pd(sy);
+    x0[g] = _mm256_cvttpd_epi32(fl_x);
+    y0[g] = _mm256_cvttpd_epi32(fl_y);
+    c.fx[g] = _mm256_sub_pd(sx, fl_x);
+    c.fy[g] = _mm256_sub_pd(sy, fl_y);
+    mask[g] = MaskToInt(in);
+  }
+  c.x0 = Join(x0[0], x0[1]);
+  c.y0 = Join(y0[0], y0[1]);
+  c.mask = Join(mask[0], mask[1]);
+  return c;
+}
+
+// What the fixed-point and the nearest rules need of eight positions, from one floor per
+// coordinate. The nearest rule's view is the wider one: round(s) lies in 0 .. size - 1 exactly
+// when -0.5 < s < size - 0.5 (halves go away from zero: -0.5 gives -1, size - 0.5 gives size).
+// Lanes outside it are moved to 0 before the floor, so no conversion meets a NaN or a huge value;
+// the fixed-point view 0 <= s <= size - 1 lies inside it, so its lanes keep their own floor.
+// round(s) is the floor plus one when the exact fraction s - floor(s) reaches one half (for
+// -0.5 < s < 0 that fraction is above one half, giving 0, as round does).
+struct Grid {
+  __m256i x0, y0;            // floors
+  __m256i wx, wy;            // (int)(fraction * 2048)
+  __m256i rx, ry;            // nearest positions
+  __m256i bilinear, nearest;  // in-view masks of the two rules
+};
+
+Grid MakeGrid(const Positions& p, int width, int height) {
+  __m128i x0[2], y0[2], wx[2], wy[2], rx[2], ry[2], bilinear[2], nearest[2];
+  const __m256d half = _mm256_set1_pd(0.5), one = _mm256_set1_pd(1.0);
+  const __m256d scale = _mm256_set1_pd(2048.0);
+  for (int g = 0; g < 2; ++g) {
+    const __m256d sx = p.x[g], sy = p.y[g];
+    const __m256d near = _mm256_and_pd(
+        _mm256_and_pd(_mm256_cmp_pd(sx, _mm256_set1_pd(-0.5), _CMP_GT_OQ),
+                      _mm256_cmp_pd(sx, _mm256_set1_pd(width - 0.5), _CMP_LT_OQ)),
+        _mm256_and_pd(_mm256_cmp_pd(sy, _mm256_set1_pd(-0.5), _CMP_GT_OQ),
+                      _mm256_cmp_pd(sy, _mm256_set1_pd(height - 0.5), _CMP_LT_OQ)));
+    const __m256d bil = _mm256_and_pd(InRange(sx, width - 1.0), InRange(sy, height - 1.0));
+    const __m256d mx = _mm256_and_pd(sx, near), my = _mm256_and_pd(sy, near);
+    const __m256d fl_x = _mm256_floor_pd(mx), fl_y = _mm256_floor_pd(my);
+    const __m256d fx = _mm256_sub_pd(mx, fl_x), fy = _mm256_sub_pd(my, fl_y);
+    x0[g] = _mm256_cvttpd_epi32(fl_x);
+    y0[g] = _mm256_cvttpd_epi32(fl_y);
+    wx[g] = _mm256_cvttpd_epi32(_mm256_mul_pd(fx, scale));
+    wy[g] = _mm256_cvttpd_epi32(_mm256_mul_pd(fy, scale));
+    rx[g] = _mm256_cvttpd_epi32(
+        _mm256_add_pd(fl_x, _mm256_and_pd(_mm256_cmp_pd(fx, half, _CMP_GE_OQ), one)));
+    ry[g] = _mm256_cvttpd_epi32(
+        _mm256_add_pd(fl_y, _mm256_and_pd(_mm256_cmp_pd(fy, half, _CMP_GE_OQ), one)));
+    bilinear[g] = MaskToInt(bil);
+    nearest[g] = MaskToInt(near);
+  }
+  return {Join(x0[0], x0[1]), Join(y0[0], y0[1]), Join(wx[0], wx[1]), Join(wy[0], wy[1]),
+          Join(rx[0], rx[1]), Join(ry[0], ry[1]), Join(bilinear[0], bilinear[1]),
+          Join(nearest[0], nearest[1])};
+}
+
+// The fixed-point bilinear rule; 255 out of view. The integer blend is exact, so it may run
+// horizontally first (one 16-bit multiply-add per row of the cell): the same value as the
+// definition's vertical-first order. The neighbours are not clamped: on the last column (row)
+// the position is exactly that column (row), so the weight of the neighbour after it is 0 and
+// whatever is read there (the next row's first byte, or 0 past the plane) adds nothing.
+__m256i FixedPoint8(const uint8_t* src, int width, int height, const Grid& g) {
+  const int size = width * height;
+  const __m256i w = _mm256_set1_epi32(width);
+  const __m256i top = _mm256_and_si256(_mm256_add_epi32(_mm256_mullo_epi32(g.y0, w), g.x0),
+                                       g.bilinear);
+  const __m256i bottom = _mm256_add_epi32(top, w);
+  const __m256i full = _mm256_set1_epi32(2048);
+  const __m256i weights = _mm256_or_si256(_mm256_sub_epi32(full, g.wx), _mm256_slli_epi32(g.wx, 16));
+  const __m256i upper = _mm256_madd_epi16(PairAt(src, top, size), weights);
+  const __m256i lower = _mm256_madd_epi16(PairAt(src, bottom, size), weights);
+  // Below 2^31: signed 32-bit multiplies give the unsigned results.
+  const __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(upper, _mm256_sub_epi32(full, g.wy)),
+                                       _mm256_mullo_epi32(lower, g.wy));
+  return _mm256_blendv_epi8(_mm256_set1_epi32(255), _mm256_srli_epi32(sum, 22), g.bilinear);
+}
+
+// The replicated chroma planes at the nearest positions: the pair at chroma row y / 2, byte
+// x & ~1 of a plane of `chroma` bytes (4 or more). Bytes beyond it, and out-of-view lanes,
+// give 255.
+void ChromaPairs8(const uint8_t* src_uv, int width, int chroma, const Grid& g, __m256i* first,
+                  __m256i* second) {
+  const __m256i at = _mm256_add_epi32(
+      _mm256_mullo_epi32(_mm256_srli_epi32(g.ry, 1), _mm256_set1_epi32(width)),
+      _mm256_andnot_si256(_mm256_set1_epi32(1), g.rx));
+  const __m256i limit = _mm256_set1_epi32(chroma);
+  const __m256i valid0 = _mm256_and_si256(g.nearest, _mm256_cmpgt_epi32(limit, at));
+  const __m256i valid1 = _mm256_and_si256(
+      g.nearest, _mm256_cmpgt_epi32(limit, _mm256_add_epi32(at, _mm256_set1_epi32(1))));
+  const __m256i word = WordAt(src_uv, _mm256_and_si256(at, valid0), chroma);
+  const __m256i byte = _mm256_set1_epi32(0xff);
+  const __m256i fill = _mm256_set1_epi32(255);
+  *first = _mm256_blendv_epi8(fill, _mm256_and_si256(word, byte), valid0);
+  *second = _mm256_blendv_epi8(fill, _mm256_and_si256(_mm256_srli_epi32(word, 8), byte), valid1);
+}
+
+}  // namespace
+
+void FixedPointRow(const double* H, const uint8_t* src, uint8_t* dst_row, int width, int height,
+                   int y, int x_begin) {
+  const Matrix m(H);
+  int x = x_begin;
+  for (; x + kStep <= width; x += kStep) {
+    Store8(dst_row + x, FixedPoint8(src, width, height, MakeGrid(HalfScale(m, H, x, y), width, height)));
+  }
+  scalar::FixedPointRow(H, src, dst_row, width, height, y, x);
+}
+
+void NearestRow(const double* H, const uint8_t* src, uint8_t* dst_row, int width, int height,
+                int y, int x_begin) {
+  const Matrix m(H);
+  int x = x_begin;
+  for (; x + kStep <= width; x += kStep) {
+    const Grid g = MakeGrid(HalfScale(m, H, x, y), width, height);
+    const __m256i at = _mm256_and_si256(
+        _mm256_add_epi32(_mm256_mullo_epi32(g.ry, _mm256_set1_epi32(width)), g.rx), g.nearest);
+    const __m256i v = _mm256_and_si256(WordAt(src, at, width * height), _mm256_set1_epi32(0xff));
+    Store8(dst_row + x, _mm256_blendv_epi8(_mm256_set1_epi32(255), v, g.nearest));
+  }
+  scalar::NearestRow(H, src, dst_row, width, height, y, x);
+}
+
+void BilinearRow(const double* H, const BilinearSource& src, uint8_t* dst_row, int width, int y,
+                 uint8_t fill, int x_begin) {
+  const Matrix m(H);
+  const __m256d one = _mm256_set1_pd(1.0);
+  // The bytes a sample may read: up to the last column of the last row. The pair gathers of a
+  // sample of one byte need four of them.
+  const int size = src.last_row * src.stride + src.last_col * src.step + 1;
+  int x = x_begin;
+  for (; src.step == 1 && size >= 4 && x + kStep <= width; x += kStep) {
+    const Cells c = Split(FullScale(m, H, src, x, y), src.max_x, src.max_y);
+    const __m256i inc = _mm256_set1_epi32(1);
+    const __m256i x1 = _mm256_min_epi32(_mm256_add_epi32(c.x0, inc),
+                                        _mm256_set1_epi32(src.last_col));
+    const __m256i y1 = _mm256_min_epi32(_mm256_add_epi32(c.y0, inc),
+                                        _mm256_set1_epi32(src.last_row));
+    const __m256i stride = _mm256_set1_epi32(src.stride);
+    const __m256i left = _mm256_mullo_epi32(c.x0, _mm256_set1_epi32(src.step));
+    const __m256i top = _mm256_add_epi32(_mm256_mullo_epi32(c.y0, stride), left);
+    const __m256i bottom = _mm256_add_epi32(_mm256_mullo_epi32(y1, stride), left);
+    const __m256i dx = _mm256_sub_epi32(x1, c.x0);  // 0 on the last column
+    __m256i tl, tr, bl, br;
+    GatherPairs(src.plane, top, dx, size, &tl, &tr);
+    GatherPairs(src.plane, bottom, dx, size, &bl, &br);
+    __m128i value[2];
+    for (int g = 0; g < 2; ++g) {
+      const auto half = [g](__m256i v) {
+        return _mm256_cvtepi32_pd(g == 0 ? _mm256_castsi256_si128(v)
+                                         : _mm256_extracti128_si256(v, 1));
+      };
+      const __m256d fx = c.fx[g], fy = c.fy[g];
+      const __m256d gx = _mm256_sub_pd(one, fx), gy = _mm256_sub_pd(one, fy);
+      // fy (1 - fx) bl + (1 - fx)(1 - fy) tl, then + fx (1 - fy) tr, then + fx fy br.
+      __m256d v = _mm256_add_pd(_mm256_mul_pd(_mm256_mul_pd(fy, gx), half(bl)),
+                                _mm256_mul_pd(_mm256_mul_pd(gx, gy), half(tl)));
+      v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, gy), half(tr)));
+      v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, fy), half(br)));
+      // v >= 0 (a blend of bytes with weights in 0..1): halves away from zero are halves up,
+      // the floor plus one when the exact fraction reaches one half.
+      const __m256d fl = _mm256_floor_pd(v);
+      const __m256d up = _mm256_cmp_pd(_mm256_sub_pd(v, fl), _mm256_set1_pd(0.5), _CMP_GE_OQ);
+      value[g] = _mm256_cvttpd_epi32(_mm256_add_pd(fl, _mm256_and_pd(up, one)));
+    }
+    Store8(dst_row + x,
+           _mm256_blendv_epi8(_mm256_set1_epi32(fill), Join(value[0], value[1]), c.mask));
+  }
+  scalar::BilinearRow(H, src, dst_row, width, y, fill, x);
+}
+
+void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uint8_t* dst_y,
+               uint8_t* dst_uv, int width, int height, int y, int x_begin) {
+  const Matrix m(H);
+  const int chroma = (height / 2) * width;
+  int x = x_begin;
+  // Whole blocks of both rows only: the spill of an odd width's last column and an odd height's
+  // last row are left to the scalar rule.
+  if (y + 1 < height) {
+    for (; x + kStep <= (width & ~1); x += kStep) {
+      __m256i sum0 = _mm256_setzero_si256(), sum1 = _mm256_setzero_si256();
+      for (int r = 0; r < 2; ++r) {
+        // One mapping serves the luma sample and the nearest chroma sample of a pixel.
+        const Grid g = MakeGrid(HalfScale(m, H, x, y + r), width, height);
+        Store8(dst_y + static_cast<int64_t>(y + r) * width + x,
+               FixedPoint8(src_y, width, height, g));
+        __m256i c0, c1;
+        ChromaPairs8(src_uv, width, chroma, g, &c0, &c1);
+        sum0 = _mm256_add_epi32(sum0, c0);
+        sum1 = _mm256_add_epi32(sum1, c1);
+      }
+      // Neighbouring columns added: per 128-bit lane [0 of block a, b; 1 of block a, b], then
+      // put in pair order [0 a, 1 a, 0 b, 1 b].
+      const __m256i blocks =
+          _mm256_shuffle_epi32(_mm256_hadd_epi32(sum0, sum1), _MM_SHUFFLE(3, 1, 2, 0));
+      Store8(dst_uv + static_cast<int64_t>(y / 2) * width + x, _mm256_srli_epi32(blocks, 2));
+    }
+  }
+  scalar::SplitRows(H, src_y, src_uv, dst_y, dst_uv, width, height, y, x);
+}
+
+const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows};
+
+}  // namespace avx2
+}  // namespace velmora
