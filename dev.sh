@@ -6,6 +6,8 @@
 #   ./dev.sh tsan             every test under ThreadSanitizer
 #   ./dev.sh cross            cross-build for arm64 and run the tests under qemu-aarch64
 #   ./dev.sh footage-bench    time whole tool runs on generated footage (bench/footage.sh)
+#   ./dev.sh package          install the library into a temporary prefix, then build and run
+#                             apps against the installed package (CMake config and pkg-config)
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -31,6 +33,57 @@ base_packages=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libpng-de
 build() {  # build PRESET
   cmake --preset "$1" >/dev/null
   cmake --build --preset "$1" -j "$jobs"
+}
+
+# The library alone (nothing of GoogleTest, benchmark or libpng), installed into a temporary prefix;
+# then tests/package, built out of tree against that prefix only, once through
+# find_package(Velmora CONFIG) and once through pkg-config, and run.
+package() {
+  build package
+  local tmp
+  tmp=$(mktemp -d)
+  trap "rm -rf '$tmp'" EXIT
+  local prefix="$tmp/prefix"
+  cmake --install build-package --prefix "$prefix" >/dev/null
+  # Only the shared library, headers and package files: no static internals, no test helpers.
+  if find "$prefix" -name '*.a' | grep .; then
+    echo "dev.sh: a static library was installed" >&2
+    exit 1
+  fi
+  local lib
+  lib=$(find "$prefix" -name 'libVelmora.so.*' -type f)
+  readelf -d "$lib" | grep -q 'SONAME.*libVelmora\.so\.[0-9]' || {
+    echo "dev.sh: $lib has no versioned SONAME" >&2
+    exit 1
+  }
+
+  cmake -S tests/package -B "$tmp/via-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+  cmake --build "$tmp/via-cmake" -j "$jobs"
+
+  local pcdir
+  pcdir=$(dirname "$(find "$prefix" -name velmora.pc)")
+  mkdir -p "$tmp/via-pkg-config"
+  (
+    export PKG_CONFIG_PATH="$pcdir"
+    cflags=$(pkg-config --cflags velmora)
+    libs="$(pkg-config --libs velmora) -Wl,-rpath,$(pkg-config --variable=libdir velmora)"
+    set -x
+    ${CC:-cc} -std=c11 -Wall -Wextra -pedantic -Werror $cflags tests/package/table_app.c \
+      $libs -o "$tmp/via-pkg-config/table_app"
+    ${CXX:-c++} -std=c++17 -Wall -Wextra -pedantic -Werror $cflags \
+      tests/package/toolkit_app.cpp $libs -o "$tmp/via-pkg-config/toolkit_app"
+  )
+
+  # The library logs every step on standard output; show it only when an app fails.
+  for app in via-cmake/table_app via-cmake/toolkit_app via-pkg-config/table_app \
+             via-pkg-config/toolkit_app; do
+    if ! "$tmp/$app" >"$tmp/log" 2>&1; then
+      cat "$tmp/log"
+      echo "dev.sh: $app failed" >&2
+      exit 1
+    fi
+    echo "${app%%/*}: $(grep -h '_app: ok' "$tmp/log")"
+  done
 }
 
 case "${1:-}" in
@@ -66,6 +119,10 @@ case "${1:-}" in
     install_missing "${base_packages[@]}" ffmpeg imagemagick hyperfine time
     build release
     bench/footage.sh
+    ;;
+  package)
+    install_missing cmake make g++ pkg-config
+    package
     ;;
   *)
     awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print } /^set/ { exit }' "$0"
