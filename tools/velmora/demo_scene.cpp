@@ -268,14 +268,14 @@ std::vector<uint8_t> DemoScene::stillRegion(int margin) const {
 
 void DemoScene::render(uint8_t* frame, size_t index, bool shake) {
   const float t = static_cast<float>(index);
-  // The hand's motion: up to 4 pixels each way and 0.3 degrees about the centre, the first
+  // The hand's motion: up to 6 pixels each way and 0.3 degrees about the centre, the first
   // frame steady (it is the one the others are aligned to).
   float turn = 0.0f, shift_x = 0.0f, shift_y = 0.0f;
   if (shake && index > 0) {
     const int32_t k = static_cast<int32_t>(index);
     turn = (Random01(k, 0, 201) - 0.5f) * 0.6f * kPi / 180.0f;
-    shift_x = (Random01(k, 1, 201) - 0.5f) * 8.0f;
-    shift_y = (Random01(k, 2, 201) - 0.5f) * 8.0f;
+    shift_x = (Random01(k, 1, 201) - 0.5f) * 12.0f;
+    shift_y = (Random01(k, 2, 201) - 0.5f) * 12.0f;
   }
   const float cos_turn = std::cos(turn), sin_turn = std::sin(turn);
 
