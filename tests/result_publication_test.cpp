@@ -97,7 +97,7 @@ TEST(ResultPublication, FirstFoldIsNeverSeenHalfPublished) {
   velmora_algo handle;
   for (int i = 0; i < 180; ++i, ++run) {
     handle.start_process();
-    const Size size = (i % 30 == 29) ? largest : sizes[i % 6];
+    const Size size = (i % 60 == 59) ? largest : sizes[i % 6];
     FoldOnePolled(handle, size, run, app, other);
     handle.stop_process();
   }

@@ -13,7 +13,7 @@ void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t 
   }
 }
 
-void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
+VELMORA_READS_MEANS_UNLOCKED void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
   // Every mean lies in 0..255, so truncation is the whole conversion: no rounding, no clamping.
   for (int64_t i = 0; i < count; ++i) out[i] = static_cast<uint8_t>(static_cast<int32_t>(mean[i]));
 }

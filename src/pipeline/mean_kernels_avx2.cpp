@@ -47,7 +47,7 @@ void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t 
   scalar::AccumulateMean(mean + body, sample + body, count - body, n);
 }
 
-void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
+VELMORA_READS_MEANS_UNLOCKED void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
   // cvttpd2dq truncates toward zero to int32 like the scalar conversion; the low 8 bits of each
   // int32 are masked out and packed (the masked values never saturate in the packs).
   const __m128i low_byte = _mm_set1_epi32(0xFF);

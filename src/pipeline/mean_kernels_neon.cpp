@@ -45,7 +45,7 @@ void AccumulateMean(double* mean, const uint8_t* sample, int64_t count, int32_t 
   scalar::AccumulateMean(mean + body, sample + body, count - body, n);
 }
 
-void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
+VELMORA_READS_MEANS_UNLOCKED void MeanToBytes(const double* mean, uint8_t* out, int64_t count) {
   // The narrowing moves keep the low bits: the low byte of each int32.
   const int64_t body = count - count % 16;
   for (int64_t i = 0; i < body; i += 16) {
