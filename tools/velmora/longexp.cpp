@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "aligner.h"
 #include "common/threadPool.h"
 #include "interrupt.h"
 #include "velmora/flowing_water.h"
@@ -87,7 +88,7 @@ image FrameRecord(FrameGeometry geometry, ChromaOrder order, uint8_t* data) {
 }  // namespace
 
 bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vector<uint8_t>* picture,
-                     RunSummary* summary, std::string* error) {
+                     RunSummary* summary, std::string* error, Aligner* aligner) {
   const FrameGeometry geometry = source.geometry();
   // Allocated before the run starts, so running out of memory here leaves nothing to undo.
   std::vector<uint8_t> buffer(geometry.frameBytes());
@@ -124,9 +125,18 @@ bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vecto
       summary->stopped = ok && StopRequested();
       break;
     }
+    // Registered here while the worker folds the earlier frames; a thrown frame is skipped.
+    if (aligner != nullptr) {
+      const uint8_t* aligned = aligner->align(buffer.data());
+      if (aligned == nullptr) continue;
+      frame = FrameRecord(geometry, source.order(), const_cast<uint8_t*>(aligned));
+    }
     // The run's first frame sets up the mean, so it must be folded in before the second is
     // handed in; after that a few frames may wait in the queue.
-    if (i > 0) tracker.waitUntilFolded(i + 1 > kFramesInFlight ? i + 1 - kFramesInFlight : 1);
+    const size_t handed = tracker.marked();
+    if (handed > 0) {
+      tracker.waitUntilFolded(handed + 1 > kFramesInFlight ? handed + 1 - kFramesInFlight : 1);
+    }
     const int status = api.process_image(handle, &frame, &roi);  // copies the frame
     if (status != VELMORA_OK) {
       *error = "the library refused frame " + std::to_string(i + 1) + " (status " +

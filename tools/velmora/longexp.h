@@ -21,12 +21,15 @@ struct RunSummary {
   bool stopped = false;  // a stop request ended the reading before the source did
 };
 
-// Folds in every frame of source, in order, and stores the picture (same geometry and chroma
-// order as the source) in *picture. A stop request (see interrupt.h) ends the reading; the
-// frames handed in by then are folded and make the picture. On failure returns false with
-// *error set; the run is still stopped and released.
+class Aligner;
+
+// Folds in every frame of source, in order (with an aligner, every frame it does not throw,
+// registered onto the first), and stores the picture (same geometry and chroma order as the
+// source) in *picture. A stop request (see interrupt.h) ends the reading; the frames handed in
+// by then are folded and make the picture. On failure returns false with *error set; the run is
+// still stopped and released.
 bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vector<uint8_t>* picture,
-                     RunSummary* summary, std::string* error);
+                     RunSummary* summary, std::string* error, Aligner* aligner = nullptr);
 
 }  // namespace velmora::tool
 

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "aligner.h"
 #include "common/cpu.h"
 #include "convert.h"
 #include "demo_scene.h"
@@ -69,6 +70,9 @@ const char kLongexpUsage[] =
     "  --quality Q         JPEG quality, 1 to 100 (default 95)\n"
     "  --size WxH          raw frames: width and height (even, non-zero)\n"
     "  --format FMT        raw frames: nv12 (U first, the default) or nv21 (V first)\n"
+    "  --align             register every frame onto the first (hand-held bursts); frames\n"
+    "                      that cannot be registered are skipped, the picture is cropped\n"
+    "                      to what every frame covers\n"
     "  --isa ISA           run the kernels as scalar, avx2 or neon\n"
     "  -v, --verbose       also show the library's log lines on standard output\n"
     "  -h, --help          show this help\n"
@@ -76,7 +80,7 @@ const char kLongexpUsage[] =
     "exit status: 0 done, 2 error (no file written), 128+N stopped by signal N (picture written)\n";
 
 const char kDemoUsage[] =
-    "usage: velmora demo [-o OUT.png]\n"
+    "usage: velmora demo [--shake] [--align] [-o OUT.png]\n"
     "\n"
     "Renders a built-in burst of 40 frames of 1280x720 (a river with rocks, its water\n"
     "moving from frame to frame), folds it like longexp and writes the picture.\n"
@@ -84,6 +88,8 @@ const char kDemoUsage[] =
     "options:\n"
     "  -o, --output OUT    output file (default velmora-demo.png); .png, .jpg, .yuv, .nv12, .nv21\n"
     "  --quality Q         JPEG quality, 1 to 100 (default 95)\n"
+    "  --shake             as if hand-held: the camera shakes, the sensor is noisy\n"
+    "  --align             register every frame onto the first, as longexp --align\n"
     "  --isa ISA           run the kernels as scalar, avx2 or neon\n"
     "  -v, --verbose       also show the library's log lines on standard output\n"
     "  -h, --help          show this help\n";
@@ -301,12 +307,14 @@ struct CommonOptions {
   OutputKind kind = OutputKind::kPng;
   int quality = kDefaultJpegQuality;
   bool verbose = false;
+  bool align = false;  // --align
   std::optional<Isa> isa;  // --isa, else the library's own choice
 };
 
 // Validates what both commands share; on failure *error is set.
 bool ReadCommonOptions(const ParsedArgs& parsed, CommonOptions* common, std::string* error) {
   common->verbose = parsed.has("--verbose");
+  common->align = parsed.has("--align");
   if (parsed.has("--output")) common->output = parsed.value("--output");
   if (common->output.empty()) {
     *error = "missing -o OUT (the output file)";
@@ -342,16 +350,31 @@ int Produce(FrameSource& source, const CommonOptions& common) {
   if (common.isa) forced.emplace(*common.isa);
   std::vector<uint8_t> picture;
   RunSummary summary;
+  FrameGeometry geometry = source.geometry();
+  std::optional<Aligner> aligner;
+  if (common.align) aligner.emplace(geometry);
   {
     ProgressLine progress(source.frameCount());
     AllowSoftStop();  // from here a first Ctrl-C keeps the work
     const bool ok = RunLongExposure(
         source, [&progress](size_t folded, size_t total) { progress.update(folded, total); },
-        &picture, &summary, &error);
+        &picture, &summary, &error, aligner ? &*aligner : nullptr);
     progress.finish();
     if (!ok) return Fail(error);
   }
-  if (!WritePicture(*out, common.kind, picture, source.geometry(), source.order(), &error,
+  if (aligner) {
+    const Rect crop = aligner->crop();
+    if (crop.right - crop.left < 2 || crop.bottom - crop.top < 2) {
+      return Fail("the aligned frames share no picture to crop to");
+    }
+    CropPicture(crop, &picture, &geometry);
+    std::fprintf(g_stdout,
+                 "aligned %zu frames onto the first, threw %zu; cropped to %ux%u at (%d, %d)\n",
+                 aligner->aligned(), aligner->thrown(), geometry.width, geometry.height, crop.left,
+                 crop.top);
+    std::fflush(g_stdout);
+  }
+  if (!WritePicture(*out, common.kind, picture, geometry, source.order(), &error,
                     common.quality) ||
       !out->commit(&error)) {
     return Fail(error);
@@ -368,6 +391,7 @@ int Produce(FrameSource& source, const CommonOptions& common) {
 
 const std::vector<KnownOption> kRunOptions = {{"-o", "--output", true},
                                               {nullptr, "--quality", true},
+                                              {nullptr, "--align", false},
                                               {nullptr, "--isa", true},
                                               {"-v", "--verbose", false},
                                               {"-h", "--help", false}};
@@ -415,7 +439,9 @@ int Longexp(const std::vector<std::string>& args) {
 int Demo(const std::vector<std::string>& args) {
   ParsedArgs parsed;
   std::string error;
-  if (!ParseArgs(args, kRunOptions, "demo", &parsed, &error)) return Fail(error);
+  std::vector<KnownOption> known = kRunOptions;
+  known.push_back({nullptr, "--shake", false});
+  if (!ParseArgs(args, known, "demo", &parsed, &error)) return Fail(error);
   if (parsed.has("--help")) {
     std::fputs(kDemoUsage, stdout);
     return 0;
@@ -427,7 +453,7 @@ int Demo(const std::vector<std::string>& args) {
   CommonOptions common;
   if (!ReadCommonOptions(parsed, &common, &error)) return Fail(error);
 
-  DemoScene scene;
+  DemoScene scene(parsed.has("--shake"));
   const int status = Produce(scene, common);
   if (status == 0) {
     char resolved[PATH_MAX];
