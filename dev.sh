@@ -8,6 +8,9 @@
 #   ./dev.sh fuzz [SECONDS [TARGET...]]  build the libFuzzer targets (clang), replay the kept
 #                             findings under fuzz/regressions/, then fuzz each target (all by
 #                             default) for SECONDS (20) from its seeds
+#   ./dev.sh footage-bench    time whole tool runs on generated footage (bench/footage.sh)
+#   ./dev.sh package          install the library into a temporary prefix, then build and run
+#                             apps against the installed package (CMake config and pkg-config)
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -26,7 +29,9 @@ install_missing() {
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-base_packages=(cmake make g++ libgtest-dev libbenchmark-dev libpng-dev zlib1g-dev)
+# The tool's readers and writers: FFmpeg's libraries, libjpeg-turbo, libpng, libdeflate.
+base_packages=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libpng-dev zlib1g-dev
+  libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libturbojpeg0-dev libdeflate-dev)
 
 build() {  # build PRESET
   cmake --preset "$1" >/dev/null
@@ -34,8 +39,7 @@ build() {  # build PRESET
 }
 
 # Replays fuzz/regressions/<target>/ and fuzzes each target named after $1 (every one when none
-# is) for $1 seconds from the seeds it
-# writes itself; any crash, leak or undefined behaviour fails the run and leaves its input under
+# is) for $1 seconds from the seeds it writes itself; any crash, leak or undefined behaviour fails the run and leaves its input under
 # build-fuzz/fuzz-run/<target>/artifacts/.
 run_fuzzers() {
   local work=build-fuzz/fuzz-run passed=0 failed=0 seconds=$1 exes=()
@@ -63,6 +67,57 @@ run_fuzzers() {
   done
   echo "fuzz: $passed passed, $failed failed"
   [ $failed -eq 0 ]
+}
+
+# The library alone (nothing of GoogleTest, benchmark or libpng), installed into a temporary prefix;
+# then tests/package, built out of tree against that prefix only, once through
+# find_package(Velmora CONFIG) and once through pkg-config, and run.
+package() {
+  build package
+  local tmp
+  tmp=$(mktemp -d)
+  trap "rm -rf '$tmp'" EXIT
+  local prefix="$tmp/prefix"
+  cmake --install build-package --prefix "$prefix" >/dev/null
+  # Only the shared library, headers and package files: no static internals, no test helpers.
+  if find "$prefix" -name '*.a' | grep .; then
+    echo "dev.sh: a static library was installed" >&2
+    exit 1
+  fi
+  local lib
+  lib=$(find "$prefix" -name 'libVelmora.so.*' -type f)
+  readelf -d "$lib" | grep -q 'SONAME.*libVelmora\.so\.[0-9]' || {
+    echo "dev.sh: $lib has no versioned SONAME" >&2
+    exit 1
+  }
+
+  cmake -S tests/package -B "$tmp/via-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+  cmake --build "$tmp/via-cmake" -j "$jobs"
+
+  local pcdir
+  pcdir=$(dirname "$(find "$prefix" -name velmora.pc)")
+  mkdir -p "$tmp/via-pkg-config"
+  (
+    export PKG_CONFIG_PATH="$pcdir"
+    cflags=$(pkg-config --cflags velmora)
+    libs="$(pkg-config --libs velmora) -Wl,-rpath,$(pkg-config --variable=libdir velmora)"
+    set -x
+    ${CC:-cc} -std=c11 -Wall -Wextra -pedantic -Werror $cflags tests/package/table_app.c \
+      $libs -o "$tmp/via-pkg-config/table_app"
+    ${CXX:-c++} -std=c++17 -Wall -Wextra -pedantic -Werror $cflags \
+      tests/package/toolkit_app.cpp $libs -o "$tmp/via-pkg-config/toolkit_app"
+  )
+
+  # The library logs every step on standard output; show it only when an app fails.
+  for app in via-cmake/table_app via-cmake/toolkit_app via-pkg-config/table_app \
+             via-pkg-config/toolkit_app; do
+    if ! "$tmp/$app" >"$tmp/log" 2>&1; then
+      cat "$tmp/log"
+      echo "dev.sh: $app failed" >&2
+      exit 1
+    fi
+    echo "${app%%/*}: $(grep -h '_app: ok' "$tmp/log")"
+  done
 }
 
 case "${1:-}" in
@@ -98,6 +153,15 @@ case "${1:-}" in
     install_missing cmake make clang libclang-rt-14-dev libpng-dev zlib1g-dev
     build fuzz
     run_fuzzers "${2:-20}" "${@:3}"
+    ;;
+  footage-bench)
+    install_missing "${base_packages[@]}" ffmpeg imagemagick hyperfine time
+    build release
+    bench/footage.sh
+    ;;
+  package)
+    install_missing cmake make g++ pkg-config
+    package
     ;;
   *)
     awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print } /^set/ { exit }' "$0"

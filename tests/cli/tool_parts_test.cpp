@@ -13,6 +13,8 @@
 #include "image_writer.h"
 #include "test_util.h"
 #include "velmora/yuv.h"
+#include "inputs.h"
+#include "rgb_to_nv12.h"
 
 namespace velmora::tool {
 namespace {
@@ -70,7 +72,8 @@ TEST(OutputKindForPath, ChoosesByExtensionIgnoringCase) {
   const Case cases[] = {
       {"out.png", true, OutputKind::kPng},     {"dir/OUT.PNG", true, OutputKind::kPng},
       {"a.b.yuv", true, OutputKind::kRaw},     {"x.nv12", true, OutputKind::kNv12},
-      {"x.Nv21", true, OutputKind::kNv21},     {"x.jpg", false, OutputKind::kPng},
+      {"x.Nv21", true, OutputKind::kNv21},     {"x.jpg", true, OutputKind::kJpeg},
+      {"x.JPEG", true, OutputKind::kJpeg},     {"x.gif", false, OutputKind::kPng},
       {"png", false, OutputKind::kPng},        {".png", false, OutputKind::kPng},
       {"dir/.png", false, OutputKind::kPng},   {"x.png/", false, OutputKind::kPng},
       {"x.nv12.tmp", false, OutputKind::kPng},
@@ -189,6 +192,40 @@ TEST(OutputPattern, OneFrameNumberAsPercentDWithOptionalZeroPadding) {
   }
 }
 
+TEST(RgbToNv12, FullRangeBt601WithChromaFromTheMeanOfEachBlock) {
+  // A 3x3 picture (odd: its last column and row are cropped), so a 2x2 frame. Red, green, blue
+  // and white; their mean (127.5, 127.5, 127.5) is grey. The cropped pixels are black, so using
+  // them would show.
+  const uint8_t rgb[3 * 9] = {255, 0, 0, 0, 255, 0, 0, 0, 0, 0, 0, 255, 255, 255, 255,
+                              0,   0, 0, 0, 0,   0, 0, 0, 0, 0, 0, 0};
+  uint8_t frame[6];
+  RgbToNv12(rgb, 9, FrameGeometry{2, 2}, frame);
+  // Y: 76.245, 149.685, 29.07, 255; U, V of grey: 128 - 0 and 128 + 0 (both sums weigh 0).
+  const uint8_t want[6] = {76, 150, 29, 255, 128, 128};
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(frame[i], want[i]) << i;
+  // One colour alone, clamped: red gives U 84.98 -> 85 and V 255.5 -> 255.
+  const uint8_t red[12] = {255, 0, 0, 255, 0, 0, 255, 0, 0, 255, 0, 0};
+  RgbToNv12(red, 6, FrameGeometry{2, 2}, frame);
+  EXPECT_EQ(frame[4], 85);
+  EXPECT_EQ(frame[5], 255);
+}
+
+TEST(SelectedCount, SkipsThenTakesOneInEveryUpToTheLimit) {
+  struct Case {
+    size_t count, start, every, limit, want;
+  };
+  const Case cases[] = {
+      {10, 0, 1, kUnknownFrameCount, 10}, {10, 3, 1, kUnknownFrameCount, 7},
+      {10, 0, 3, kUnknownFrameCount, 4},  {10, 1, 3, kUnknownFrameCount, 3},
+      {10, 0, 1, 4, 4},                   {10, 10, 1, kUnknownFrameCount, 0},
+      {10, 20, 2, 5, 0},                  {kUnknownFrameCount, 2, 2, 5, kUnknownFrameCount},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(SelectedCount(c.count, c.start, c.every, c.limit), c.want)
+        << c.count << " " << c.start << " " << c.every << " " << c.limit;
+  }
+}
+
 TEST(FileFrameSource, YieldsEveryFrameOfEveryFileInOrder) {
   const FrameGeometry geometry{4, 2};  // 12 bytes a frame
   testutil::TempDir dir;
@@ -212,6 +249,7 @@ TEST(FileFrameSource, YieldsEveryFrameOfEveryFileInOrder) {
     EXPECT_EQ(frame, std::vector<uint8_t>(geometry.frameBytes(), want));
   }
   EXPECT_FALSE(source->next(frame.data(), &error));
+  EXPECT_EQ(error, "");  // the end, not a failure
 }
 
 TEST(DemoScene, WaterMovesBetweenFramesWhileTheSceneStaysStill) {

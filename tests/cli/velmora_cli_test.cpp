@@ -334,15 +334,15 @@ TEST(VelmoraCli, BadInputGivesOneErrorLineExitTwoAndNoOutput) {
       {{"longexp", "--size", "64x48", "empty.yuv", "-o", "out.png"}, "empty.yuv: file is empty"},
       // Each reason of a refused size is ParseSize's own test; here, that it reaches the user.
       {{"longexp", "--size", "63x48", "good.yuv", "-o", "out.png"},
-       "--size '63x48': width and height must be even"},
-      {{"longexp", "good.yuv", "-o", "out.png"}, "missing --size"},
+       "'63x48': width and height must be even"},
+      {{"longexp", "good.yuv", "-o", "out.png"}, "good.yuv: raw frames need --size WxH"},
       {{"longexp", "--size", "64x48", "--format", "yuyv", "good.yuv", "-o", "out.png"},
        "'yuyv': unknown format"},
-      {{"longexp", "--size", "64x48", "good.yuv", "-o", "out.jpg"},
-       "out.jpg: unknown output extension"},
+      {{"longexp", "--size", "64x48", "good.yuv", "-o", "out.gif"},
+       "out.gif: unknown output extension"},
       {{"longexp", "--size", "64x48", "good.yuv"}, "missing -o"},
       {{"longexp", "--size", "64x48", "good.yuv", "-o"}, "-o needs a value"},
-      {{"longexp", "--size", "64x48", "-o", "out.png"}, "no input frames"},
+      {{"longexp", "--size", "64x48", "-o", "out.png"}, "no inputs"},
       {{"longexp", "--size", "64x48", "good.yuv", "-o", "nowhere/out.png"},
        "nowhere/out.png: cannot create"},
       {{"longexp", "--size", "64x48", "good.yuv", "--frobnicate", "-o", "out.png"},
@@ -414,7 +414,7 @@ TEST(VelmoraCli, HelpAndVersionGoToStandardOutput) {
   const Case cases[] = {
       {{"--help"}, "usage: velmora <command>"},
       {{"-h"}, "usage: velmora <command>"},
-      {{"longexp", "--help"}, "usage: velmora longexp --size WxH"},
+      {{"longexp", "--help"}, "usage: velmora longexp [options] INPUT... -o OUT"},
       {{"longexp", "--size", "bad", "-h"}, "usage: velmora longexp"},
       {{"demo", "--help"}, "usage: velmora demo"},
       {{"convert", "--help"}, "usage: velmora convert"},
@@ -444,9 +444,11 @@ TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
   for (ssize_t n; (n = read(terminal, buffer, sizeof buffer)) > 0;) shown.append(buffer, size_t(n));
   close(terminal);
   EXPECT_EQ(ExitCode(pid), 0);
-  // Rewritten in place with carriage returns, ended by a newline once all frames are in.
-  EXPECT_EQ(shown.rfind("\rvelmora: folded 0/4 frames", 0), 0u) << shown;
-  EXPECT_NE(shown.find("\rvelmora: folded 4/4 frames\r\n"), std::string::npos) << shown;
+  // Rewritten in place with carriage returns (each clearing what a longer line left), ended by
+  // a newline once all frames are in; the speed and the time left once there is a speed.
+  EXPECT_EQ(shown.rfind("\rvelmora: folded 0/4 frames\033[K", 0), 0u) << shown;
+  EXPECT_NE(shown.find("\rvelmora: folded 4/4 frames, "), std::string::npos) << shown;
+  EXPECT_NE(shown.find(" fps, 0 s left\033[K\r\n"), std::string::npos) << shown;
   EXPECT_EQ(shown.back(), '\n');
 }
 

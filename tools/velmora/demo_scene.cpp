@@ -194,8 +194,9 @@ uint8_t ToByte(float v) {
 
 }  // namespace
 
-DemoScene::DemoScene()
-    : still_(size_t{kW} * kH * 3),
+DemoScene::DemoScene(bool shake)
+    : shake_(shake),
+      still_(size_t{kW} * kH * 3),
       water_(size_t{kW} * kH),
       turbulence_(size_t{kW} * kH),
       rgb_(size_t{kW} * kH * 3) {
@@ -231,24 +232,85 @@ DemoScene::DemoScene()
 
 bool DemoScene::next(uint8_t* frame, std::string* error) {
   if (next_frame_ >= kFrames) {
-    *error = "no frames left";
+    error->clear();
     return false;
   }
-  const float t = static_cast<float>(next_frame_++);
+  render(frame, next_frame_, shake_);
+  ++next_frame_;
+  return true;
+}
 
-  std::copy(still_.begin(), still_.end(), rgb_.begin());
+void DemoScene::stillScene(uint8_t* frame) { render(frame, 0, false); }
+
+std::vector<uint8_t> DemoScene::stillRegion(int margin) const {
+  // A square of side 2 * margin + 1 around each pixel, as a row pass then a column pass.
+  std::vector<uint8_t> rows(size_t{kW} * kH), still(size_t{kW} * kH);
+  for (int y = 0; y < kH; ++y) {
+    for (int x = 0; x < kW; ++x) {
+      bool wet = false;
+      for (int k = std::max(0, x - margin); k <= std::min(kW - 1, x + margin) && !wet; ++k) {
+        wet = water_[size_t(y) * kW + k] > 0.0f;
+      }
+      rows[size_t(y) * kW + x] = wet;
+    }
+  }
+  for (int y = 0; y < kH; ++y) {
+    for (int x = 0; x < kW; ++x) {
+      bool wet = false;
+      for (int k = std::max(0, y - margin); k <= std::min(kH - 1, y + margin) && !wet; ++k) {
+        wet = rows[size_t(k) * kW + x] != 0;
+      }
+      still[size_t(y) * kW + x] = !wet;
+    }
+  }
+  return still;
+}
+
+void DemoScene::render(uint8_t* frame, size_t index, bool shake) {
+  const float t = static_cast<float>(index);
+  // The hand's motion: up to 6 pixels each way and 0.3 degrees about the centre, the first
+  // frame steady (it is the one the others are aligned to).
+  float turn = 0.0f, shift_x = 0.0f, shift_y = 0.0f;
+  if (shake && index > 0) {
+    const int32_t k = static_cast<int32_t>(index);
+    turn = (Random01(k, 0, 201) - 0.5f) * 0.6f * kPi / 180.0f;
+    shift_x = (Random01(k, 1, 201) - 0.5f) * 12.0f;
+    shift_y = (Random01(k, 2, 201) - 0.5f) * 12.0f;
+  }
+  const float cos_turn = std::cos(turn), sin_turn = std::sin(turn);
+
+  if (!shake) std::copy(still_.begin(), still_.end(), rgb_.begin());
   for (int y = 0; y < kH; ++y) {
     for (int x = 0; x < kW; ++x) {
       const size_t i = size_t(y) * kW + x;
-      if (water_[i] <= 0.0f) continue;
-      const float fx = x + 0.5f, fy = y + 0.5f;
+      float fx = x + 0.5f, fy = y + 0.5f;
+      size_t at = i;  // the scene pixel under this one
+      if (shake) {
+        const float cx = fx - 0.5f * kW, cy = fy - 0.5f * kH;
+        fx = 0.5f * kW + cos_turn * cx - sin_turn * cy + shift_x;
+        fy = 0.5f * kH + sin_turn * cx + cos_turn * cy + shift_y;
+        // Bilinear in the still picture, edges repeated.
+        const float sx = std::clamp(fx - 0.5f, 0.0f, kW - 1.0f);
+        const float sy = std::clamp(fy - 0.5f, 0.0f, kH - 1.0f);
+        const int x0 = std::min(static_cast<int>(sx), kW - 2);
+        const int y0 = std::min(static_cast<int>(sy), kH - 2);
+        const float ax = sx - x0, ay = sy - y0;
+        for (int c = 0; c < 3; ++c) {
+          auto p = [&](int xx, int yy) { return still_[3 * (size_t(yy) * kW + xx) + c]; };
+          rgb_[3 * i + c] = (1 - ay) * ((1 - ax) * p(x0, y0) + ax * p(x0 + 1, y0)) +
+                            ay * ((1 - ax) * p(x0, y0 + 1) + ax * p(x0 + 1, y0 + 1));
+        }
+        at = size_t(std::min(static_cast<int>(sy + 0.5f), kH - 1)) * kW +
+             std::min(static_cast<int>(sx + 0.5f), kW - 1);
+      }
+      if (water_[at] <= 0.0f) continue;
       // Long streaks carried along by the current, and a churn that changes as it goes.
       const float u = fx - kFlowPerFrame * t;
       const float streak = Fbm(u / 110.0f, fy / 14.0f, 101, 4);
       const float churn =
           Fbm((fx - 1.6f * kFlowPerFrame * t) / 45.0f, fy / 20.0f + 0.35f * t, 111, 3);
       const float foam =
-          SmoothStep(0.5f, 0.78f, 0.6f * streak + 0.4f * churn + 0.3f * turbulence_[i]);
+          SmoothStep(0.5f, 0.78f, 0.6f * streak + 0.4f * churn + 0.3f * turbulence_[at]);
       const float depth =
           SmoothStep(0.0f, 60.0f, std::min(fy - RiverTop(fx), RiverBottom(fx) - fy));
       const float ripple = 0.5f + 0.5f * std::sin(u * 0.09f + 2.0f * kPi * churn + fy * 0.05f);
@@ -256,7 +318,7 @@ bool DemoScene::next(uint8_t* frame, std::string* error) {
           Mix(Color{62, 100, 106}, Color{26, 58, 72}, depth * (0.85f + 0.15f * ripple));
       const Color surface = Mix(body, Color{232, 240, 242}, foam);
       const Color under{rgb_[3 * i], rgb_[3 * i + 1], rgb_[3 * i + 2]};
-      const Color c = Mix(under, surface, water_[i]);
+      const Color c = Mix(under, surface, water_[at]);
       rgb_[3 * i] = c.r;
       rgb_[3 * i + 1] = c.g;
       rgb_[3 * i + 2] = c.b;
@@ -269,7 +331,15 @@ bool DemoScene::next(uint8_t* frame, std::string* error) {
   for (int y = 0; y < kH; ++y) {
     for (int x = 0; x < kW; ++x) {
       const float* p = &rgb_[3 * (size_t(y) * kW + x)];
-      luma[size_t(y) * kW + x] = ToByte(0.299f * p[0] + 0.587f * p[1] + 0.114f * p[2]);
+      float v = 0.299f * p[0] + 0.587f * p[1] + 0.114f * p[2];
+      if (shake) {
+        // Sensor noise, about 3 levels of spread: four uniform draws summed.
+        const int32_t k = static_cast<int32_t>(index);
+        const float u = Random01(x, y, 301 + 4 * k) + Random01(x, y, 302 + 4 * k) +
+                        Random01(x, y, 303 + 4 * k) + Random01(x, y, 304 + 4 * k);
+        v += (u - 2.0f) * 5.2f;
+      }
+      luma[size_t(y) * kW + x] = ToByte(v);
     }
   }
   for (int y = 0; y < kH; y += 2) {
@@ -288,7 +358,6 @@ bool DemoScene::next(uint8_t* frame, std::string* error) {
       pair[1] = ToByte(128.0f + 0.5f * r - 0.418688f * g - 0.081312f * b);
     }
   }
-  return true;
 }
 
 }  // namespace velmora::tool

@@ -49,6 +49,11 @@ bool ParseSize(const std::string& text, FrameGeometry* geometry, std::string* wh
   return false;
 }
 
+bool FrameSource::skip(std::string* error) {
+  skipped_.resize(geometry().frameBytes());
+  return next(skipped_.data(), error);
+}
+
 bool ParseChromaOrder(const std::string& text, ChromaOrder* order) {
   if (text == "nv12") {
     *order = ChromaOrder::kNv12;

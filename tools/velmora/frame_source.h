@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace velmora::tool {
 
@@ -34,18 +35,32 @@ bool ParseSize(const std::string& text, FrameGeometry* geometry, std::string* wh
 // "nv12" or "nv21".
 bool ParseChromaOrder(const std::string& text, ChromaOrder* order);
 
-// Frames in the order they are to be folded in.
+// What frameCount() says when only reading to the end will tell.
+constexpr size_t kUnknownFrameCount = SIZE_MAX;
+
+// Frames in the order they are to be folded in: raw files, pictures, videos, the demo, all
+// behind this one interface, so that whatever consumes frames (the fold, a registration step)
+// needs no knowledge of where they come from.
 class FrameSource {
  public:
   virtual ~FrameSource() = default;
 
   virtual FrameGeometry geometry() const = 0;
   virtual ChromaOrder order() const = 0;
+  // The number of frames next() will yield: exact for raw files and pictures, the container's
+  // own figure for a video, or kUnknownFrameCount. Only next() decides where the frames end.
   virtual size_t frameCount() const = 0;
 
-  // Fills geometry().frameBytes() bytes with the next frame; false with *error set when the
-  // frame cannot be had.
+  // Fills geometry().frameBytes() bytes with the next frame. False at the end of the frames
+  // with *error left empty, or false with *error set when the frame cannot be had.
   virtual bool next(uint8_t* frame, std::string* error) = 0;
+
+  // Passes over the next frame without producing it; returns as next() does. Sources that can
+  // do this cheaper than next() (seek past raw bytes, leave a picture undecoded) override it.
+  virtual bool skip(std::string* error);
+
+ private:
+  std::vector<uint8_t> skipped_;  // for the plain skip(), which reads into it
 };
 
 }  // namespace velmora::tool

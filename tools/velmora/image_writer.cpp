@@ -1,16 +1,19 @@
 #include "image_writer.h"
 
 #include <fcntl.h>
-#include <png.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstring>
 #include <utility>
 
+#include "interrupt.h"
+#include "picture_encoders.h"
 #include "velmora/yuv.h"
 
 namespace velmora::tool {
@@ -27,30 +30,6 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
          text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-// The temporary file in progress, for the signal handler: a fixed buffer and a flag, because a
-// handler may touch nothing else.
-char g_temp_path[4096];
-volatile sig_atomic_t g_temp_pending = 0;
-
-extern "C" void RemoveTemporaryAndDie(int signal) {
-  if (g_temp_pending) unlink(g_temp_path);
-  std::signal(signal, SIG_DFL);
-  std::raise(signal);
-}
-
-void GuardTemporary(const std::string& temp_path) {
-  static const bool installed = [] {
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, RemoveTemporaryAndDie);
-    return true;
-  }();
-  (void)installed;
-  if (temp_path.size() < sizeof g_temp_path) {
-    std::memcpy(g_temp_path, temp_path.c_str(), temp_path.size() + 1);
-    g_temp_pending = 1;
-  }
-}
-
-void ReleaseTemporary() { g_temp_pending = 0; }
 
 }  // namespace
 
@@ -61,6 +40,8 @@ bool OutputKindForPath(const std::string& path, OutputKind* kind) {
       {".nv12", OutputKind::kNv12},
       {".nv21", OutputKind::kNv21},
       {".png", OutputKind::kPng},
+      {".jpg", OutputKind::kJpeg},
+      {".jpeg", OutputKind::kJpeg},
   };
   for (const auto& [extension, named] : kExtensions) {
     // A bare ".png" is a hidden file's name, not an extension.
@@ -75,7 +56,7 @@ bool OutputKindForPath(const std::string& path, OutputKind* kind) {
 
 std::vector<uint8_t> FrameToRgb(const uint8_t* frame, FrameGeometry geometry, ChromaOrder order) {
   const size_t pixels = geometry.lumaBytes();
-  // The library converts into three planes; the PNG wants them interleaved.
+  // The library converts into three planes; the encoders want them interleaved.
   std::vector<uint8_t> planes(pixels * 3);
   uint8_t* r = planes.data();
   uint8_t* g = r + pixels;
@@ -170,22 +151,24 @@ bool AtomicOutput::commit(std::string* error) {
 
 bool WritePng(AtomicOutput& out, const uint8_t* rgb, uint32_t width, uint32_t height,
               std::string* error) {
-  png_image png{};
-  png.version = PNG_IMAGE_VERSION;
-  png.width = width;
-  png.height = height;
-  png.format = PNG_FORMAT_RGB;
-  const bool ok = png_image_write_to_stdio(&png, out.file(), 0, rgb, 0, nullptr) != 0;
-  if (!ok) *error = out.path() + ": cannot encode PNG: " + png.message;
-  png_image_free(&png);
+  std::string why;
+  const bool ok = EncodePng(out.file(), rgb, width, height, 3, &why);
+  if (!ok) *error = out.path() + ": cannot write the output file: " + why;
   return ok;
 }
 
 bool WritePicture(AtomicOutput& out, OutputKind kind, const std::vector<uint8_t>& picture,
-                  FrameGeometry geometry, ChromaOrder order, std::string* error) {
+                  FrameGeometry geometry, ChromaOrder order, std::string* error,
+                  int jpeg_quality) {
   if (kind == OutputKind::kPng) {
     const std::vector<uint8_t> rgb = FrameToRgb(picture.data(), geometry, order);
     return WritePng(out, rgb.data(), geometry.width, geometry.height, error);
+  }
+  if (kind == OutputKind::kJpeg) {
+    std::string why;
+    const bool ok = EncodeJpeg(out.file(), picture.data(), geometry, order, jpeg_quality, &why);
+    if (!ok) *error = out.path() + ": cannot write the output file: " + why;
+    return ok;
   }
 
   const bool swap = (kind == OutputKind::kNv12 && order == ChromaOrder::kNv21) ||

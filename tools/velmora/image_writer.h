@@ -1,4 +1,4 @@
-// The picture written out: as PNG, or raw in either chroma order, always through a temporary
+// The picture written out: as PNG, JPEG, or raw in either chroma order, always through a temporary
 // file that replaces the destination only once complete.
 #ifndef VELMORA_TOOL_IMAGE_WRITER_H
 #define VELMORA_TOOL_IMAGE_WRITER_H
@@ -18,14 +18,16 @@ enum class OutputKind {
   kNv12,  // .nv12: raw, U first
   kNv21,  // .nv21: raw, V first
   kPng,   // .png: 8-bit RGB
+  kJpeg,  // .jpg, .jpeg: baseline JPEG, 4:2:0
 };
+
+constexpr int kDefaultJpegQuality = 95;
 
 // The kind that the extension of path names (case does not matter); false if none.
 bool OutputKindForPath(const std::string& path, OutputKind* kind);
 
-// Packed RGB rows of a frame, by the library's own conversion (NV12toRGBA8888 or
-// NV21toRGBA8888: full-range BT.601 in single precision, truncated); each 2x2 block of luma
-// shares one chroma pair.
+
+// Packed RGB rows of a frame; each 2x2 block of luma shares one chroma pair.
 std::vector<uint8_t> FrameToRgb(const uint8_t* frame, FrameGeometry geometry, ChromaOrder order);
 
 // Turns U,V pairs into V,U pairs and back.
@@ -59,9 +61,11 @@ class AtomicOutput {
 bool WritePng(AtomicOutput& out, const uint8_t* rgb, uint32_t width, uint32_t height,
               std::string* error);
 
-// Writes picture (a frame of the given geometry and chroma order) as kind into out.
+// Writes picture (a frame of the given geometry and chroma order) as kind into out; a JPEG at
+// jpeg_quality (1..100).
 bool WritePicture(AtomicOutput& out, OutputKind kind, const std::vector<uint8_t>& picture,
-                  FrameGeometry geometry, ChromaOrder order, std::string* error);
+                  FrameGeometry geometry, ChromaOrder order, std::string* error,
+                  int jpeg_quality = kDefaultJpegQuality);
 
 }  // namespace velmora::tool
 

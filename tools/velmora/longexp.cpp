@@ -3,7 +3,9 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "aligner.h"
 #include "common/threadPool.h"
+#include "interrupt.h"
 #include "velmora/flowing_water.h"
 
 namespace velmora::tool {
@@ -86,41 +88,55 @@ image FrameRecord(FrameGeometry geometry, ChromaOrder order, uint8_t* data) {
 }  // namespace
 
 bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vector<uint8_t>* picture,
-                     std::string* error) {
+                     RunSummary* summary, std::string* error, Aligner* aligner) {
   const FrameGeometry geometry = source.geometry();
-  const size_t total = source.frameCount();
-  if (total == 0) {
-    *error = "no frames to fold in";
-    return false;
-  }
   // Allocated before the run starts, so running out of memory here leaves nothing to undo.
   std::vector<uint8_t> buffer(geometry.frameBytes());
   picture->assign(geometry.frameBytes(), 0);
 
   flowing_water_api api{};
   flowing_water_get_API(&api);
-  void* handle = api.init_handle();
+  void* handle = nullptr;
+  {
+    // The library's worker starts here; the signals must keep landing on this thread.
+    InterruptsDeferred deferred;
+    handle = api.init_handle();
+    if (handle != nullptr) {
+      api.set_base_parameters(handle, nullptr);
+      api.start_process(handle);
+    }
+  }
   if (handle == nullptr) {
     // Without a handle nothing starts the pool, and the markers below would never run.
     *error = "out of memory creating the processing handle";
     return false;
   }
-  api.set_base_parameters(handle, nullptr);
-  api.start_process(handle);
 
   image frame = FrameRecord(geometry, source.order(), buffer.data());
   rect roi{0, 0, static_cast<int32_t>(geometry.width), static_cast<int32_t>(geometry.height)};
-  FoldTracker tracker(progress, total);
+  FoldTracker tracker(progress, source.frameCount());
   bool ok = true;
-  for (size_t i = 0; i < total; ++i) {
-    // Read while the worker folds the frames already handed in.
-    if (!source.next(buffer.data(), error)) {
-      ok = false;
+  error->clear();
+  for (size_t i = 0;; ++i) {
+    // Read while the worker folds the frames already handed in. A frame read in full is folded
+    // even if a stop came meanwhile.
+    if (StopRequested() || !source.next(buffer.data(), error)) {
+      ok = error->empty();
+      summary->stopped = ok && StopRequested();
       break;
+    }
+    // Registered here while the worker folds the earlier frames; a thrown frame is skipped.
+    if (aligner != nullptr) {
+      const uint8_t* aligned = aligner->align(buffer.data());
+      if (aligned == nullptr) continue;
+      frame = FrameRecord(geometry, source.order(), const_cast<uint8_t*>(aligned));
     }
     // The run's first frame sets up the mean, so it must be folded in before the second is
     // handed in; after that a few frames may wait in the queue.
-    if (i > 0) tracker.waitUntilFolded(i + 1 > kFramesInFlight ? i + 1 - kFramesInFlight : 1);
+    const size_t handed = tracker.marked();
+    if (handed > 0) {
+      tracker.waitUntilFolded(handed + 1 > kFramesInFlight ? handed + 1 - kFramesInFlight : 1);
+    }
     const int status = api.process_image(handle, &frame, &roi);  // copies the frame
     if (status != VELMORA_OK) {
       *error = "the library refused frame " + std::to_string(i + 1) + " (status " +
@@ -133,6 +149,12 @@ bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vecto
   // stop_process drops frames still queued, so every frame handed in is waited for first. That
   // also keeps the tracker alive for as long as a marker may run.
   tracker.waitUntilFolded(tracker.marked());
+  summary->folded = tracker.marked();
+  if (ok && summary->folded == 0) {
+    *error = summary->stopped ? "stopped before any frame was folded in"
+                              : "no frames selected: the inputs end before the first one";
+    ok = false;
+  }
 
   if (ok) {
     image out = FrameRecord(geometry, source.order(), picture->data());

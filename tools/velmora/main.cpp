@@ -1,8 +1,10 @@
 // velmora: long-exposure ("flowing water") pictures from bursts of NV12/NV21 frames.
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -14,11 +16,14 @@
 #include <string>
 #include <vector>
 
+#include "aligner.h"
 #include "common/cpu.h"
 #include "convert.h"
 #include "demo_scene.h"
 #include "frame_reader.h"
 #include "image_writer.h"
+#include "inputs.h"
+#include "interrupt.h"
 #include "longexp.h"
 #include "velmora/flowing_water.h"
 
@@ -37,7 +42,7 @@ const char kToolUsage[] =
     "the \"flowing water\" effect: moving water turns smooth, the still scene stays sharp.\n"
     "\n"
     "commands:\n"
-    "  longexp   fold raw frame files into one picture\n"
+    "  longexp   fold videos, photos or raw frames into one picture\n"
     "  demo      the same on a built-in synthetic burst\n"
     "  convert   raw NV12/NV21 frames to PNG images and back\n"
     "\n"
@@ -48,28 +53,43 @@ const char kToolUsage[] =
     "Run 'velmora <command> --help' for the options of a command.\n";
 
 const char kLongexpUsage[] =
-    "usage: velmora longexp --size WxH [--format nv12|nv21] FRAME... -o OUT\n"
+    "usage: velmora longexp [options] INPUT... -o OUT\n"
     "\n"
-    "Folds every frame of the FRAME files, in order, into a running mean and writes the\n"
-    "sharpened result. Each file holds one frame or several back to back; a frame is\n"
-    "W*H luma bytes followed by W*H/2 bytes of interleaved chroma pairs.\n"
+    "Folds the frames of the INPUTs, in order, into a running mean and writes the sharpened\n"
+    "result. An INPUT is a video (any container and codec FFmpeg reads: MP4, MKV, MOV, WebM...),\n"
+    "a picture (PNG or JPEG; several make a sequence) or raw frames (.yuv, .nv12, .nv21, .raw:\n"
+    "one frame or several back to back, each W*H luma bytes then W*H/2 bytes of chroma pairs).\n"
+    "Odd-sized videos and pictures lose their last column or row. Ctrl-C stops reading and\n"
+    "writes the picture of the frames folded so far; a second Ctrl-C abandons it.\n"
     "\n"
     "options:\n"
-    "  --size WxH          frame width and height (even, non-zero)\n"
-    "  --format FMT        nv12 (U first, the default) or nv21 (V first)\n"
-    "  -o, --output OUT    .png (RGB), .yuv (raw, input layout), .nv12 or .nv21 (raw)\n"
+    "  -o, --output OUT    .png, .jpg/.jpeg, .yuv (raw, input layout), .nv12 or .nv21 (raw)\n"
+    "  --start N           skip the first N frames\n"
+    "  --every K           then take one frame in K\n"
+    "  --frames N          take at most N frames\n"
+    "  --quality Q         JPEG quality, 1 to 100 (default 95)\n"
+    "  --size WxH          raw frames: width and height (even, non-zero)\n"
+    "  --format FMT        raw frames: nv12 (U first, the default) or nv21 (V first)\n"
+    "  --align             register every frame onto the first (hand-held bursts); frames\n"
+    "                      that cannot be registered are skipped, the picture is cropped\n"
+    "                      to what every frame covers\n"
     "  --isa ISA           run the kernels as scalar, avx2 or neon\n"
     "  -v, --verbose       also show the library's log lines on standard output\n"
-    "  -h, --help          show this help\n";
+    "  -h, --help          show this help\n"
+    "\n"
+    "exit status: 0 done, 2 error (no file written), 128+N stopped by signal N (picture written)\n";
 
 const char kDemoUsage[] =
-    "usage: velmora demo [-o OUT.png]\n"
+    "usage: velmora demo [--shake] [--align] [-o OUT.png]\n"
     "\n"
     "Renders a built-in burst of 40 frames of 1280x720 (a river with rocks, its water\n"
     "moving from frame to frame), folds it like longexp and writes the picture.\n"
     "\n"
     "options:\n"
-    "  -o, --output OUT    output file (default velmora-demo.png); .png, .yuv, .nv12 or .nv21\n"
+    "  -o, --output OUT    output file (default velmora-demo.png); .png, .jpg, .yuv, .nv12, .nv21\n"
+    "  --quality Q         JPEG quality, 1 to 100 (default 95)\n"
+    "  --shake             as if hand-held: the camera shakes, the sensor is noisy\n"
+    "  --align             register every frame onto the first, as longexp --align\n"
     "  --isa ISA           run the kernels as scalar, avx2 or neon\n"
     "  -v, --verbose       also show the library's log lines on standard output\n"
     "  -h, --help          show this help\n";
@@ -217,15 +237,40 @@ std::FILE* SetStdoutAsideFromLibrary() {
   return own;
 }
 
-// "\rvelmora: folded 12/40 frames" on standard error, kept on one line, for a terminal only.
+// "\rvelmora: folded 12/40 frames, 31.0 fps, 1 s left" on standard error, rewritten in place at
+// most ten times a second, for a terminal only.
 class ProgressLine {
  public:
-  explicit ProgressLine(size_t total) : enabled_(isatty(STDERR_FILENO) == 1) { update(0, total); }
+  using Clock = std::chrono::steady_clock;
+
+  explicit ProgressLine(size_t total)
+      : enabled_(isatty(STDERR_FILENO) == 1), start_(Clock::now()) {
+    update(0, total);
+  }
   ~ProgressLine() { finish(); }
 
   void update(size_t folded, size_t total) {
     if (!enabled_) return;
-    std::fprintf(stderr, "\rvelmora: folded %zu/%zu frames", folded, total);
+    const Clock::time_point now = Clock::now();
+    const bool last = total != kUnknownFrameCount && folded >= total;
+    if (open_ && !last && now - shown_ < std::chrono::milliseconds(100)) return;
+    shown_ = now;
+    std::string text = "\rvelmora: folded " + std::to_string(folded);
+    if (total != kUnknownFrameCount) text += "/" + std::to_string(total);
+    text += " frames";
+    const double seconds = std::chrono::duration<double>(now - start_).count();
+    if (folded > 0 && seconds > 0) {
+      const double fps = folded / seconds;
+      char rate[64];
+      std::snprintf(rate, sizeof rate, ", %.1f fps", fps);
+      text += rate;
+      if (total != kUnknownFrameCount && total >= folded) {
+        std::snprintf(rate, sizeof rate, ", %.0f s left", (total - folded) / fps);
+        text += rate;
+      }
+    }
+    text += "\033[K";  // clears what a longer line left
+    std::fputs(text.c_str(), stderr);
     std::fflush(stderr);
     open_ = true;
   }
@@ -236,27 +281,54 @@ class ProgressLine {
 
  private:
   const bool enabled_;
+  const Clock::time_point start_;
+  Clock::time_point shown_;
   bool open_ = false;
 };
+
+// A whole number from low to high, for the options that take one.
+bool ParseNumber(const std::string& option, const std::string& text, size_t low, size_t high,
+                 size_t* value, std::string* error) {
+  size_t v = 0;
+  bool digits = !text.empty() && text.size() <= 9;
+  for (char c : text) digits = digits && c >= '0' && c <= '9';
+  if (digits) v = std::stoul(text);
+  if (!digits || v < low || v > high) {
+    *error = option + " '" + text + "': expected a whole number from " + std::to_string(low) +
+             " to " + std::to_string(high);
+    return false;
+  }
+  *value = v;
+  return true;
+}
 
 struct CommonOptions {
   std::string output;
   OutputKind kind = OutputKind::kPng;
+  int quality = kDefaultJpegQuality;
   bool verbose = false;
+  bool align = false;  // --align
   std::optional<Isa> isa;  // --isa, else the library's own choice
 };
 
 // Validates what both commands share; on failure *error is set.
 bool ReadCommonOptions(const ParsedArgs& parsed, CommonOptions* common, std::string* error) {
   common->verbose = parsed.has("--verbose");
+  common->align = parsed.has("--align");
   if (parsed.has("--output")) common->output = parsed.value("--output");
   if (common->output.empty()) {
     *error = "missing -o OUT (the output file)";
     return false;
   }
   if (!OutputKindForPath(common->output, &common->kind)) {
-    *error = common->output + ": unknown output extension (use .png, .yuv, .nv12 or .nv21)";
+    *error = common->output +
+             ": unknown output extension (use .png, .jpg, .jpeg, .yuv, .nv12 or .nv21)";
     return false;
+  }
+  if (parsed.has("--quality")) {
+    size_t quality = 0;
+    if (!ParseNumber("--quality", parsed.value("--quality"), 1, 100, &quality, error)) return false;
+    common->quality = int(quality);
   }
   if (!parsed.has("--isa")) return true;
   Isa isa = Isa::kScalar;
@@ -277,30 +349,57 @@ int Produce(FrameSource& source, const CommonOptions& common) {
   std::optional<ScopedIsa> forced;
   if (common.isa) forced.emplace(*common.isa);
   std::vector<uint8_t> picture;
+  RunSummary summary;
+  FrameGeometry geometry = source.geometry();
+  std::optional<Aligner> aligner;
+  if (common.align) aligner.emplace(geometry);
   {
     ProgressLine progress(source.frameCount());
+    AllowSoftStop();  // from here a first Ctrl-C keeps the work
     const bool ok = RunLongExposure(
         source, [&progress](size_t folded, size_t total) { progress.update(folded, total); },
-        &picture, &error);
+        &picture, &summary, &error, aligner ? &*aligner : nullptr);
     progress.finish();
     if (!ok) return Fail(error);
   }
-  if (!WritePicture(*out, common.kind, picture, source.geometry(), source.order(), &error) ||
+  if (aligner) {
+    const Rect crop = aligner->crop();
+    if (crop.right - crop.left < 2 || crop.bottom - crop.top < 2) {
+      return Fail("the aligned frames share no picture to crop to");
+    }
+    CropPicture(crop, &picture, &geometry);
+    std::fprintf(g_stdout,
+                 "aligned %zu frames onto the first, threw %zu; cropped to %ux%u at (%d, %d)\n",
+                 aligner->aligned(), aligner->thrown(), geometry.width, geometry.height, crop.left,
+                 crop.top);
+    std::fflush(g_stdout);
+  }
+  if (!WritePicture(*out, common.kind, picture, geometry, source.order(), &error,
+                    common.quality) ||
       !out->commit(&error)) {
     return Fail(error);
+  }
+  if (summary.stopped) {
+    const int signal = StopSignal();
+    std::fprintf(stderr, "velmora: stopped by %s: wrote %s from the %zu frames folded so far\n",
+                 signal == SIGINT ? "Ctrl-C" : signal == SIGTERM ? "SIGTERM" : "SIGHUP",
+                 common.output.c_str(), summary.folded);
+    return 128 + signal;
   }
   return 0;
 }
 
 const std::vector<KnownOption> kRunOptions = {{"-o", "--output", true},
+                                              {nullptr, "--quality", true},
+                                              {nullptr, "--align", false},
                                               {nullptr, "--isa", true},
                                               {"-v", "--verbose", false},
                                               {"-h", "--help", false}};
 
 int Longexp(const std::vector<std::string>& args) {
   std::vector<KnownOption> known = kRunOptions;
-  known.push_back({nullptr, "--size", true});
-  known.push_back({nullptr, "--format", true});
+  for (const char* name : {"--size", "--format", "--start", "--every", "--frames"})
+    known.push_back({nullptr, name, true});
   ParsedArgs parsed;
   std::string error;
   if (!ParseArgs(args, known, "longexp", &parsed, &error)) return Fail(error);
@@ -309,20 +408,30 @@ int Longexp(const std::vector<std::string>& args) {
     return 0;
   }
 
-  FrameGeometry geometry;
-  if (!parsed.has("--size")) return Fail("missing --size WxH (the frame size)");
-  const std::string size = parsed.value("--size");
-  if (!ParseSize(size, &geometry, &error)) return Fail("--size '" + size + "': " + error);
-  ChromaOrder order = ChromaOrder::kNv12;
-  if (parsed.has("--format") && !ParseChromaOrder(parsed.value("--format"), &order)) {
+  InputOptions inputs;
+  if (parsed.has("--size")) {
+    const std::string size = parsed.value("--size");
+    if (!ParseSize(size, &inputs.size, &error)) return Fail("--size '" + size + "': " + error);
+    inputs.has_size = true;
+  }
+  if (parsed.has("--format") && !ParseChromaOrder(parsed.value("--format"), &inputs.order)) {
     return Fail("--format '" + parsed.value("--format") + "': unknown format (use nv12 or nv21)");
+  }
+  constexpr size_t kMost = 999999999;
+  if ((parsed.has("--start") &&
+       !ParseNumber("--start", parsed.value("--start"), 0, kMost, &inputs.start, &error)) ||
+      (parsed.has("--every") &&
+       !ParseNumber("--every", parsed.value("--every"), 1, kMost, &inputs.every, &error)) ||
+      (parsed.has("--frames") &&
+       !ParseNumber("--frames", parsed.value("--frames"), 1, kMost, &inputs.limit, &error))) {
+    return Fail(error);
   }
   CommonOptions common;
   if (!ReadCommonOptions(parsed, &common, &error)) return Fail(error);
-  if (parsed.positional.empty()) return Fail("no input frames (give one or more FRAME files)");
+  if (parsed.positional.empty()) return Fail("no inputs (give one or more videos, pictures or raw frame files)");
+  if (OutputIsAnInput(common.output, parsed.positional, &error)) return Fail(error);
 
-  std::unique_ptr<FileFrameSource> source =
-      FileFrameSource::Open(parsed.positional, geometry, order, &error);
+  std::unique_ptr<FrameSource> source = OpenInputs(parsed.positional, inputs, &error);
   if (source == nullptr) return Fail(error);
   return Produce(*source, common);
 }
@@ -330,7 +439,9 @@ int Longexp(const std::vector<std::string>& args) {
 int Demo(const std::vector<std::string>& args) {
   ParsedArgs parsed;
   std::string error;
-  if (!ParseArgs(args, kRunOptions, "demo", &parsed, &error)) return Fail(error);
+  std::vector<KnownOption> known = kRunOptions;
+  known.push_back({nullptr, "--shake", false});
+  if (!ParseArgs(args, known, "demo", &parsed, &error)) return Fail(error);
   if (parsed.has("--help")) {
     std::fputs(kDemoUsage, stdout);
     return 0;
@@ -342,7 +453,7 @@ int Demo(const std::vector<std::string>& args) {
   CommonOptions common;
   if (!ReadCommonOptions(parsed, &common, &error)) return Fail(error);
 
-  DemoScene scene;
+  DemoScene scene(parsed.has("--shake"));
   const int status = Produce(scene, common);
   if (status == 0) {
     char resolved[PATH_MAX];
@@ -481,6 +592,12 @@ int Convert(const std::vector<std::string>& args) {
 }
 
 int Main(int argc, char** argv) {
+  // The library copies every frame into a fresh allocation and frees it once folded. Kept in the
+  // heap rather than mapped and unmapped each time, the same few megabytes are reused instead of
+  // faulting in new pages for every frame of a long video.
+  mallopt(M_MMAP_THRESHOLD, 256 << 20);
+  mallopt(M_TRIM_THRESHOLD, 512 << 20);
+  InstallInterruptHandlers();
   const std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) return Fail("missing command (see 'velmora --help')");
   const std::string& command = args.front();

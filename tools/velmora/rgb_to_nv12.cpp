@@ -1,0 +1,42 @@
+#include "rgb_to_nv12.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace velmora::tool {
+
+namespace {
+
+uint8_t RoundToByte(double value) {
+  return static_cast<uint8_t>(std::clamp(std::floor(value + 0.5), 0.0, 255.0));
+}
+
+}  // namespace
+
+void RgbToNv12(const uint8_t* rgb, size_t stride, FrameGeometry geometry, uint8_t* frame) {
+  const size_t width = geometry.width;
+  uint8_t* chroma = frame + geometry.lumaBytes();
+  for (size_t row = 0; row < geometry.height; ++row) {
+    const uint8_t* in = rgb + row * stride;
+    uint8_t* luma = frame + row * width;
+    for (size_t x = 0; x < width; ++x) {
+      luma[x] = RoundToByte(0.299 * in[3 * x] + 0.587 * in[3 * x + 1] + 0.114 * in[3 * x + 2]);
+    }
+  }
+  for (size_t row = 0; row < geometry.height; row += 2) {
+    const uint8_t* top = rgb + row * stride;
+    const uint8_t* bottom = top + stride;
+    uint8_t* pairs = chroma + (row / 2) * width;
+    for (size_t x = 0; x < width; x += 2) {
+      double mean[3];
+      for (int c = 0; c < 3; ++c) {
+        mean[c] = (top[3 * x + c] + top[3 * x + 3 + c] + bottom[3 * x + c] +
+                   bottom[3 * x + 3 + c]) / 4.0;
+      }
+      pairs[x] = RoundToByte(128.0 - 0.168736 * mean[0] - 0.331264 * mean[1] + 0.5 * mean[2]);
+      pairs[x + 1] = RoundToByte(128.0 + 0.5 * mean[0] - 0.418688 * mean[1] - 0.081312 * mean[2]);
+    }
+  }
+}
+
+}  // namespace velmora::tool
