@@ -150,7 +150,7 @@ case "${1:-}" in
     VELMORA_ISA=scalar ctest --preset aarch64
     ;;
   fuzz)
-    install_missing cmake make clang libclang-rt-14-dev libpng-dev zlib1g-dev
+    install_missing "${base_packages[@]}" clang libclang-rt-14-dev
     build fuzz
     run_fuzzers "${2:-20}" "${@:3}"
     ;;
