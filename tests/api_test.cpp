@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <tuple>
 
 #include "test_util.h"
 #include "velmora/flowing_water.h"
@@ -196,10 +197,8 @@ TEST_F(ApiTest, ResultIsTheSharpenedMeanWithTheFirstFramesRectAndHeader) {
   const Frame expected = reference.Result(w, h);
   EXPECT_EQ(out.y, expected.y);
   EXPECT_EQ(out.uv, expected.uv);
-  EXPECT_EQ(back.x, -1);
-  EXPECT_EQ(back.y, 2);
-  EXPECT_EQ(back.width, 300);
-  EXPECT_EQ(back.height, 400);
+  EXPECT_EQ(std::make_tuple(back.x, back.y, back.width, back.height),
+            std::make_tuple(-1, 2, 300, 400));
   EXPECT_EQ(header.attr0, 0x1111u);
   EXPECT_EQ(header.attr3, 0xA3u);
   EXPECT_EQ(header.plane_num, 2u);
