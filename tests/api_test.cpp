@@ -4,8 +4,8 @@
 
 #include <chrono>
 #include <cstring>
-#include <regex>
 #include <thread>
+#include <tuple>
 
 #include "test_util.h"
 #include "velmora/flowing_water.h"
@@ -14,6 +14,8 @@ namespace {
 
 using testutil::Frame;
 using testutil::MakeImage;
+
+Frame Blank(int width, int height) { return testutil::FlatFrame(width, height, 0); }
 
 class Library {
  public:
@@ -67,8 +69,7 @@ class ApiTest : public testing::Test {
   // The table gives no way to wait for the worker, so an app polls the picture. Each frame here
   // is random, so the picture equals the reference only once that frame has been folded in.
   bool WaitForPicture(const Frame& expected) {
-    Frame out{expected.width, expected.height, std::vector<uint8_t>(expected.y.size()),
-              std::vector<uint8_t>(expected.uv.size())};
+    Frame out = Blank(expected.width, expected.height);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     rect roi{};
     while (std::chrono::steady_clock::now() < deadline) {
@@ -77,6 +78,13 @@ class ApiTest : public testing::Test {
     }
     return false;
   }
+  // Hands the frame in, folds it into mean and waits until the picture shows it.
+  void FoldAndWait(Frame frame, rect roi, testutil::ReferenceMean& mean) {
+    image img = MakeImage(frame);
+    ASSERT_EQ(api_.process_image(handle_, &img, &roi), 0);
+    mean.Fold(frame);
+    ASSERT_TRUE(WaitForPicture(mean.Result(frame.width, frame.height)));
+  }
   flowing_water_api api_{};
   void* handle_ = nullptr;
 };
@@ -84,10 +92,9 @@ class ApiTest : public testing::Test {
 // Log lines captured from standard output, line numbers masked.
 std::vector<std::string> Lines(const std::string& out) {
   std::vector<std::string> lines;
-  const std::regex line_number("\\] \\d+  ");
   size_t start = 0;
   for (size_t end; (end = out.find('\n', start)) != std::string::npos; start = end + 1)
-    lines.push_back(std::regex_replace(out.substr(start, end - start), line_number, "] N  "));
+    lines.push_back(testutil::MaskLineNumber(out.substr(start, end - start)));
   return lines;
 }
 
@@ -163,14 +170,18 @@ TEST_F(ApiTest, ReportsBadInputWithItsCodeAndOneLogLine) {
   EXPECT_EQ(priorities, (std::vector<int>{6, 4, 6, 6, 6, 6, 6}));
 }
 
-TEST_F(ApiTest, OneTwoAndManyFramesGiveTheSharpenedMean) {
+// The picture is the sharpened mean of every frame; the rectangle and header come from the
+// run's first frame, the planes from the caller's record.
+TEST_F(ApiTest, ResultIsTheSharpenedMeanWithTheFirstFramesRectAndHeader) {
   const int w = 38, h = 22;
   Start();
   testutil::ReferenceMean reference;
-  rect roi{5, 6, 7, 8};
   for (uint32_t seed = 1; seed <= 12; ++seed) {
     Frame frame = testutil::RandomFrame(w, h, seed);
     image img = MakeImage(frame, seed % 2 ? 4 : 5);
+    img.attr0 = seed == 1 ? 0x1111 : 0x2222;
+    img.planes[0].attr0 = seed == 1 ? 1 : 77;
+    rect roi = seed == 1 ? rect{-1, 2, 300, 400} : rect{9, 9, 9, 9};
     ASSERT_EQ(api_.process_image(handle_, &img, &roi), 0);
     reference.Fold(frame);
     // The run's first frame must be folded in before the second is handed in.
@@ -179,67 +190,31 @@ TEST_F(ApiTest, OneTwoAndManyFramesGiveTheSharpenedMean) {
     }
   }
   ASSERT_EQ(api_.stop_process(handle_), 0);
-  Frame out{w, h, std::vector<uint8_t>(w * h), std::vector<uint8_t>(w * (h / 2))};
+  Frame out = Blank(w, h);
   rect back{};
   image header{};
   ASSERT_EQ(Result(&out, &back, &header), 0);  // still readable after stop
   const Frame expected = reference.Result(w, h);
   EXPECT_EQ(out.y, expected.y);
   EXPECT_EQ(out.uv, expected.uv);
-  EXPECT_EQ(back.x, 5);
-  EXPECT_EQ(back.height, 8);
-}
-
-TEST_F(ApiTest, ResultCarriesTheFirstFramesRectAndHeader) {
-  Start();
-  Frame first = testutil::RandomFrame(10, 6, 3);
-  image img = MakeImage(first);
-  img.attr0 = 0x1111;
-  rect roi{-1, 2, 300, 400};
-  ASSERT_EQ(api_.process_image(handle_, &img, &roi), 0);
-  testutil::ReferenceMean reference;
-  reference.Fold(first);
-  ASSERT_TRUE(WaitForPicture(reference.Result(10, 6)));
-
-  Frame second = testutil::RandomFrame(10, 6, 4);
-  image later = MakeImage(second, 5);
-  later.attr0 = 0x2222;
-  later.planes[0].attr0 = 77;
-  rect other{9, 9, 9, 9};
-  ASSERT_EQ(api_.process_image(handle_, &later, &other), 0);
-  reference.Fold(second);
-  ASSERT_TRUE(WaitForPicture(reference.Result(10, 6)));
-
-  Frame out = first;
-  rect back{};
-  image header{};
-  ASSERT_EQ(Result(&out, &back, &header), 0);
-  EXPECT_EQ(back.x, -1);
-  EXPECT_EQ(back.y, 2);
-  EXPECT_EQ(back.width, 300);
-  EXPECT_EQ(back.height, 400);
+  EXPECT_EQ(std::make_tuple(back.x, back.y, back.width, back.height),
+            std::make_tuple(-1, 2, 300, 400));
   EXPECT_EQ(header.attr0, 0x1111u);
   EXPECT_EQ(header.attr3, 0xA3u);
   EXPECT_EQ(header.plane_num, 2u);
   EXPECT_EQ(header.format, 4u);
   EXPECT_EQ(header.planes[0].attr0, 1u);
-  EXPECT_EQ(header.planes[1].height, 3u);
+  EXPECT_EQ(header.planes[1].height, 11u);
   EXPECT_EQ(header.planes[1].data, out.uv.data()) << "the caller's buffers stay in the record";
 }
 
 TEST_F(ApiTest, StopDropsQueuedFramesAndRefusesLaterOnes) {
   const int w = 160, h = 120;
   Start();
-  Frame first = testutil::RandomFrame(w, h, 100);
-  image img = MakeImage(first);
+  std::vector<Frame> frames{testutil::RandomFrame(w, h, 100)};
   rect roi{};
-  ASSERT_EQ(api_.process_image(handle_, &img, &roi), 0);
-  std::vector<Frame> frames{first};
-  ASSERT_TRUE(WaitForPicture([&] {
-    testutil::ReferenceMean r;
-    r.Fold(first);
-    return r.Result(w, h);
-  }()));
+  testutil::ReferenceMean first;
+  FoldAndWait(frames[0], roi, first);
   for (uint32_t seed = 101; seed < 121; ++seed) {
     frames.push_back(testutil::RandomFrame(w, h, seed));
     image next = MakeImage(frames.back());
@@ -248,7 +223,7 @@ TEST_F(ApiTest, StopDropsQueuedFramesAndRefusesLaterOnes) {
   ASSERT_EQ(api_.stop_process(handle_), 0);
 
   // Whatever was folded before the stop is a whole number of frames, in order.
-  Frame out{w, h, std::vector<uint8_t>(w * h), std::vector<uint8_t>(w * (h / 2))};
+  Frame out = Blank(w, h);
   ASSERT_EQ(Result(&out, &roi), 0);
   testutil::ReferenceMean reference;
   bool matched = false;
@@ -265,62 +240,44 @@ TEST_F(ApiTest, StopDropsQueuedFramesAndRefusesLaterOnes) {
   EXPECT_EQ(api_.process_image(handle_, &late_img, &roi), 0);
   const std::string logged = testing::internal::GetCapturedStdout();
   EXPECT_NE(logged.find("process is stop or not start"), std::string::npos);
-  Frame again{w, h, std::vector<uint8_t>(w * h), std::vector<uint8_t>(w * (h / 2))};
+  Frame again = Blank(w, h);
   ASSERT_EQ(Result(&again, &roi), 0);
   EXPECT_EQ(again.y, out.y) << "a refused frame changes nothing";
 }
 
-TEST_F(ApiTest, StopLogsItsStepsInOrder) {
+TEST_F(ApiTest, StopAndReleaseLogTheirStepsInOrder) {
   Start();
   testing::internal::CaptureStdout();
   ASSERT_EQ(api_.stop_process(handle_), 0);
+  EXPECT_EQ(api_.release_handle(handle_), 0);
+  handle_ = nullptr;
   const auto lines = Lines(testing::internal::GetCapturedStdout());
-  const std::string algo = "Algorithm [INFO][ flow_water_algo.cpp ] N  stop_process() ";
+  const std::string algo = "Algorithm [INFO][ flow_water_algo.cpp ] N  ";
   const std::string pool = "Algorithm [INFO][ threadPool.cpp ] N  shutdown() threadpoll ==> ";
+  const std::string stop = algo + "stop_process() ";
   EXPECT_EQ(lines, (std::vector<std::string>{
-                       algo + "stop_process in",
+                       stop + "stop_process in",
                        "Algorithm [INFO][ threadPool.cpp ] N  forceEnd() threadpoll ==> forceend ok",
-                       algo + "stop_process forceEnd end", algo + "stop_process waitforalljobdone end",
+                       stop + "stop_process forceEnd end", stop + "stop_process waitforalljobdone end",
                        pool + "shutdown begin", pool + "shutdown 111", pool + "shutdown 222",
-                       pool + "shutdown 333", pool + "shutdown ok", algo + "stop_process"}));
+                       pool + "shutdown 333", pool + "shutdown ok", stop + "stop_process",
+                       algo + "release_handle() release_handle in"}));
 }
 
-TEST_F(ApiTest, RestartBeginsANewMean) {
-  const int w = 17 * 2, h = 9 * 2;
+TEST_F(ApiTest, RestartBeginsANewMeanWithItsOwnRect) {
+  const int w = 34, h = 18;
   Start();
-  Frame old_frame = testutil::RandomFrame(w, h, 50);
-  image img = MakeImage(old_frame);
-  rect roi{1, 1, 1, 1};
-  ASSERT_EQ(api_.process_image(handle_, &img, &roi), 0);
-  testutil::ReferenceMean old_mean;
-  old_mean.Fold(old_frame);
-  ASSERT_TRUE(WaitForPicture(old_mean.Result(w, h)));
+  testutil::ReferenceMean old_mean, mean;
+  FoldAndWait(testutil::RandomFrame(w, h, 50), {1, 1, 1, 1}, old_mean);
   ASSERT_EQ(api_.stop_process(handle_), 0);
-
   ASSERT_EQ(api_.start_process(handle_), 0);
-  testutil::ReferenceMean mean;
-  rect new_roi{2, 2, 2, 2};
-  for (uint32_t seed = 60; seed < 63; ++seed) {
-    Frame frame = testutil::RandomFrame(w, h, seed);
-    image next = MakeImage(frame);
-    ASSERT_EQ(api_.process_image(handle_, &next, &new_roi), 0);
-    mean.Fold(frame);
-    ASSERT_TRUE(WaitForPicture(mean.Result(w, h)));
+  for (uint32_t seed = 60; seed < 62; ++seed) {
+    FoldAndWait(testutil::RandomFrame(w, h, seed), {2, 2, 2, 2}, mean);
   }
-  Frame out{w, h, std::vector<uint8_t>(w * h), std::vector<uint8_t>(w * (h / 2))};
+  Frame out = Blank(w, h);
   rect back{};
   ASSERT_EQ(Result(&out, &back), 0);
   EXPECT_EQ(back.x, 2);
-}
-
-TEST_F(ApiTest, ReleaseLogsAndReturnsZero) {
-  void* handle = api_.init_handle();
-  ASSERT_NE(handle, nullptr);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(api_.release_handle(handle), 0);
-  EXPECT_EQ(Lines(testing::internal::GetCapturedStdout()),
-            std::vector<std::string>{
-                "Algorithm [INFO][ flow_water_algo.cpp ] N  release_handle() release_handle in"});
 }
 
 }  // namespace

@@ -24,17 +24,7 @@
 namespace {
 
 using testutil::LogRecord;
-using testutil::TakeLogRecords;
-
-// What the object logged while fn ran; standard output is swallowed.
-template <typename Fn>
-std::vector<LogRecord> Logged(Fn fn) {
-  TakeLogRecords();
-  testing::internal::CaptureStdout();
-  fn();
-  testing::internal::GetCapturedStdout();
-  return TakeLogRecords();
-}
+using testutil::LogsOf;
 
 // The house line for a function of utils.cpp, any line number, then the message.
 std::string Line(const std::string& function, const std::string& message) {
@@ -119,7 +109,7 @@ TEST(UtilsTime, EndProcessTimeLogsTheStepAndClearsBothTimes) {
   Utils* u = Utils::getInstance();
   u->startProcessTime();
   u->start_ms -= 25;  // as if the step had taken 25 ms
-  const auto records = Logged([u] { u->endProcessTime("warp"); });
+  const auto records = LogsOf([u] { u->endProcessTime("warp"); });
   ASSERT_EQ(records.size(), 1u);
   std::smatch ms;
   ASSERT_TRUE(std::regex_match(records[0].text, ms,
@@ -135,7 +125,7 @@ TEST(UtilsTime, PrintfFpsReportsAfterASecondWithoutCountingTheReportingCall) {
   Utils* u = Utils::getInstance();
   u->reset();
   EXPECT_EQ(u->fps_count, 0);
-  EXPECT_TRUE(Logged([u] {
+  EXPECT_TRUE(LogsOf([u] {
                 u->printfFPS("preview");
                 u->printfFPS("preview");
               }).empty());
@@ -143,7 +133,7 @@ TEST(UtilsTime, PrintfFpsReportsAfterASecondWithoutCountingTheReportingCall) {
 
   u->fps_last_ms -= 1001;  // a second and a millisecond later
   const uint64_t before = u->getNowTime();
-  const auto records = Logged([u] { u->printfFPS("preview"); });
+  const auto records = LogsOf([u] { u->printfFPS("preview"); });
   const uint64_t after = u->getNowTime();
   ASSERT_EQ(records.size(), 1u);
   EXPECT_TRUE(IsLine(records[0], "printfFPS", "run preview fps is : 2 "));
@@ -208,7 +198,7 @@ TEST(UtilsMemory, SystemFiguresMatchProcMeminfo) {
   Utils* u = Utils::getInstance();
   _mem_info out[8];
   for (_mem_info& e : out) e = {"untouched", 7, "-"};
-  const auto records = Logged([&] { u->getMemInfo(out); });
+  const auto records = LogsOf([&] { u->getMemInfo(out); });
   // Up to 50 lines, one more than a shorter file has (its last line twice).
   const int expected_count = std::min(50, MemInfoLines() + 1);
   EXPECT_EQ(u->mem_count, expected_count);
@@ -228,7 +218,7 @@ TEST(UtilsMemory, SystemFiguresMatchProcMeminfo) {
   // A Linux desktop kernel has no ION or GPU figures: their entries are left alone.
   for (int k = 5; k < 8; ++k) EXPECT_STREQ(out[k].name, "untouched");
 
-  const auto lines = Logged([u] { u->printfMemInfo(); });
+  const auto lines = LogsOf([u] { u->printfMemInfo(); });
   ASSERT_EQ(lines.size(), 7u);
   EXPECT_TRUE(IsLine(lines[0], "printfMemInfo", "\\*\\*\\* current memory info start \\*\\*\\*"));
   for (int k = 0; k < 5; ++k)
@@ -256,7 +246,7 @@ TEST(UtilsMemory, ProcessFiguresMatchTheStatusFile) {
   EXPECT_NEAR(static_cast<double>(out[2].value), static_cast<double>(usage.ru_maxrss),
               0.1 * usage.ru_maxrss);
 
-  const auto lines = Logged([u] { u->printfPidMemInfo(); });
+  const auto lines = LogsOf([u] { u->printfPidMemInfo(); });
   const std::string pid = std::to_string(getpid());
   ASSERT_EQ(lines.size(), 6u);
   EXPECT_TRUE(IsLine(lines[0], "printfPidMemInfo",

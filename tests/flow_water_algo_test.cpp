@@ -14,12 +14,7 @@ namespace {
 
 using testutil::Frame;
 using testutil::MakeImage;
-
-Frame Flat(int width, int height, uint8_t value) {
-  Frame frame{width, height, std::vector<uint8_t>(width * height, value),
-              std::vector<uint8_t>(width * (height / 2), value)};
-  return frame;
-}
+constexpr auto Flat = testutil::FlatFrame;
 
 // Returns once every job queued so far has run: the pool has one worker and runs jobs in order.
 void DrainPool() {
@@ -30,14 +25,7 @@ void DrainPool() {
 }
 
 // Holds the pool's worker until opened, so that frames handed in meanwhile stay queued.
-struct Blocker {
-  std::promise<void> open;
-  std::shared_future<void> opened = open.get_future().share();
-  void Submit() {
-    ThreadPool::instance()->submit(
-        {[](void* p) { static_cast<Blocker*>(p)->opened.wait(); }, this});
-  }
-};
+void Hold(testutil::Gate& gate) { ThreadPool::instance()->submit({&testutil::Gate::Job, &gate}); }
 
 std::vector<double> Means(const image& acc, int plane) {
   const double* data = reinterpret_cast<const double*>(acc.planes[plane].data);
@@ -63,8 +51,8 @@ class HandleTest : public testing::Test {
   // Hands in flat frames of 90 and 100 (header attr0 as given) while the worker is held, so the
   // second arrives before the first is folded; returns once both jobs have run.
   void FeedTwoWhileTheWorkerIsHeld(uint32_t attr0) {
-    Blocker blocker;
-    blocker.Submit();
+    testutil::Gate gate;
+    Hold(gate);
     Frame b = Flat(4, 4, 90), c = Flat(4, 4, 100);
     for (Frame* f : {&b, &c}) {
       image img = MakeImage(*f);
@@ -72,7 +60,7 @@ class HandleTest : public testing::Test {
       rect roi{};
       handle_.process_image(&img, &roi);
     }
-    blocker.open.set_value();
+    gate.Open();
     DrainPool();
   }
   velmora_algo handle_;
@@ -111,19 +99,18 @@ TEST(CopyIMAGEMemory, CopiesHeaderAndPlanesInUseAndZeroesEmptyPlanes) {
   EXPECT_EQ(dst.planes[3].data, &sentinel);
 }
 
-TEST_F(HandleTest, RefusesNullAndMalformedFramesWithoutCountingThem) {
+// The API test pins the codes of a null frame, three planes and format 6 with their log lines.
+TEST_F(HandleTest, RefusesMalformedFramesWithoutCountingThem) {
   handle_.start_process();
   Frame frame = Flat(4, 4, 9);
   rect roi{};
-  EXPECT_EQ(handle_.process_image(nullptr, &roi), 8192);
   const struct {
     uint32_t planes, format;
-    int status;
-  } cases[] = {{3, 4, 261}, {1, 4, 261}, {2, 3, 261}, {2, 6, 261}, {2, 0, 261}};
+  } cases[] = {{1, 4}, {2, 3}, {2, 0}};
   for (const auto& c : cases) {
     image img = MakeImage(frame, c.format);
     img.plane_num = c.planes;
-    EXPECT_EQ(handle_.process_image(&img, &roi), c.status) << c.planes << " " << c.format;
+    EXPECT_EQ(handle_.process_image(&img, &roi), 261) << c.planes << " " << c.format;
   }
   EXPECT_EQ(handle_.added_frames(), 0u);
   for (uint32_t format : {4u, 5u}) {
@@ -134,26 +121,12 @@ TEST_F(HandleTest, RefusesNullAndMalformedFramesWithoutCountingThem) {
   DrainPool();
 }
 
+// Every entry follows (mean * n) / (n + 1) + sample / (n + 1) exactly, in double precision (the
+// kernel test pins the rounding of single folds).
 TEST_F(HandleTest, FoldsFramesIntoARunningMeanInDoublePrecision) {
   handle_.start_process();
-  Frame a = Flat(6, 4, 100);
-  Feed(a);
-  EXPECT_EQ(handle_.folded_frames(), 1);
-  EXPECT_EQ(Means(handle_.mean_record(), 0), std::vector<double>(24, 100.0));
-  EXPECT_EQ(Means(handle_.mean_record(), 1), std::vector<double>(12, 100.0));
-
-  Frame b = Flat(6, 4, 255);
-  b.y[0] = 0;
-  Feed(b);
-  const auto luma = Means(handle_.mean_record(), 0);
-  EXPECT_EQ(luma[0], (100.0 * 1) / 2 + 0.0 / 2);
-  EXPECT_EQ(luma[1], 177.5);
-
-  // Many frames: every entry follows (mean * n) / (n + 1) + sample / (n + 1) exactly.
   testutil::ReferenceMean reference;
-  reference.Fold(a);
-  reference.Fold(b);
-  for (uint32_t seed = 1; seed <= 9; ++seed) {
+  for (uint32_t seed = 1; seed <= 11; ++seed) {
     Frame f = testutil::RandomFrame(6, 4, seed);
     Feed(f);
     reference.Fold(f);
@@ -174,8 +147,8 @@ TEST_F(HandleTest, StopDropsQueuedFramesButFinishesTheOneInProgress) {
   ASSERT_EQ(handle_.process_image(&img, &first_roi), 0);
   while (handle_.mean_record().plane_num == 0) std::this_thread::yield();
 
-  Blocker blocker;
-  blocker.Submit();
+  testutil::Gate gate;
+  Hold(gate);
   Frame queued = Flat(8, 4, 200);
   for (int i = 0; i < 5; ++i) {
     image img = MakeImage(queued);
@@ -184,7 +157,7 @@ TEST_F(HandleTest, StopDropsQueuedFramesButFinishesTheOneInProgress) {
   }
   std::thread stopper([this] { handle_.stop_process(); });
   ASSERT_TRUE(testutil::WaitForLogText("stop_process forceEnd end"));
-  blocker.open.set_value();
+  gate.Open();
   stopper.join();
 
   EXPECT_EQ(handle_.added_frames(), 6u);
@@ -218,7 +191,6 @@ TEST_F(HandleTest, WithoutAnyMeanBuffersEarlyFramesAreDroppedNotWrittenToNull) {
 
 TEST_F(HandleTest, ResultChecksItsOutputRecord) {
   rect roi{};
-  EXPECT_EQ(handle_.get_process_image_result(nullptr, &roi), 8192);
   std::vector<uint8_t> y(4, 1);
   image out{};
   out.planes[0].data = y.data();

@@ -2,11 +2,14 @@
 
 #include <cmath>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "velmora/registration.h"
 
 namespace {
+
+auto Edges(const Rect& r) { return std::make_tuple(r.left, r.top, r.right, r.bottom); }
 
 TEST(Invert, ProductWithTheOriginalIsTheIdentity) {
   std::vector<std::vector<double>> cases = {
@@ -87,10 +90,7 @@ TEST(CropAndThrow, ThrowTestsAtAndPastTheirThresholds) {
     Rect r = {0, 0, 641, 481};
     EXPECT_EQ(cropAndThrow(s.h, &r, 641, 481), c.thrown);
     const Rect want = c.thrown ? Rect{0, 0, 641, 481} : c.expected;
-    EXPECT_EQ(r.left, want.left);
-    EXPECT_EQ(r.top, want.top);
-    EXPECT_EQ(r.right, want.right);
-    EXPECT_EQ(r.bottom, want.bottom);
+    EXPECT_EQ(Edges(r), Edges(want));
   }
 }
 

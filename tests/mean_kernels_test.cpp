@@ -42,19 +42,6 @@ TEST(AccumulateMeanDefinition, FoldsWithTwoDivisionsAndOneAddition) {
   }
 }
 
-TEST(AccumulateMeanDefinition, RunningMeanOfAFrameSequenceIsItsAverage) {
-  const int64_t count = 1000;
-  const int frames = 25;
-  std::vector<double> mean(count, 0.0);
-  std::vector<double> sum(count, 0.0);
-  for (int32_t n = 0; n < frames; ++n) {
-    const std::vector<uint8_t> frame = testutil::RandomBytes(count, 7 + n);
-    scalar::AccumulateMean(mean.data(), frame.data(), count, n);
-    for (int64_t i = 0; i < count; ++i) sum[i] += frame[i];
-  }
-  for (int64_t i = 0; i < count; ++i) ASSERT_NEAR(mean[i], sum[i] / frames, 1e-11) << "index " << i;
-}
-
 TEST(MeanToBytesDefinition, TruncatesTowardZeroAndKeepsTheLowByte) {
   const struct {
     double mean;

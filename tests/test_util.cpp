@@ -30,6 +30,11 @@ Frame RandomFrame(int width, int height, uint32_t seed) {
   return frame;
 }
 
+Frame FlatFrame(int width, int height, uint8_t value) {
+  return {width, height, std::vector<uint8_t>(static_cast<size_t>(width) * height, value),
+          std::vector<uint8_t>(static_cast<size_t>(width) * (height / 2), value)};
+}
+
 std::vector<uint8_t> Packed(const Frame& frame) {
   std::vector<uint8_t> bytes = frame.y;
   bytes.insert(bytes.end(), frame.uv.begin(), frame.uv.end());

@@ -4,7 +4,14 @@
 #ifndef VELMORA_TESTS_TEST_UTIL_H
 #define VELMORA_TESTS_TEST_UTIL_H
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <condition_variable>
 #include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -22,6 +29,7 @@ struct Frame {
   std::vector<uint8_t> uv;
 };
 Frame RandomFrame(int width, int height, uint32_t seed);
+Frame FlatFrame(int width, int height, uint8_t value);
 
 // An 8-bit grey image (width * height bytes, rows packed) that looks like a photograph to a
 // feature detector: smooth shading, four dozen flat-toned rectangles (some turned) and ellipses
@@ -84,6 +92,51 @@ struct LogRecord {
 std::vector<LogRecord> TakeLogRecords();  // returns and clears what was recorded
 // Blocks until a record whose text contains needle arrives (true) or a few seconds pass (false).
 bool WaitForLogText(const std::string& needle);
+
+// What the library logged while fn ran, its copy on standard output swallowed. Inline, so that
+// programs that never call it keep the library's own log sink.
+template <class Fn>
+std::vector<LogRecord> LogsOf(Fn&& fn) {
+  TakeLogRecords();
+  std::fflush(stdout);
+  const int saved = dup(1), null = open("/dev/null", O_WRONLY);
+  dup2(null, 1);
+  close(null);
+  fn();
+  std::fflush(stdout);
+  dup2(saved, 1);
+  close(saved);
+  return TakeLogRecords();
+}
+
+// A log text with its line number (which moves with every edit) replaced by N.
+inline std::string MaskLineNumber(const std::string& text) {
+  return std::regex_replace(text, std::regex("\\] \\d+  "), "] N  ");
+}
+
+// A job for a pool's worker that holds it until Open(), so that what is submitted meanwhile is
+// known to be queued behind it.
+struct Gate {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool entered = false, open = false;
+  static void Job(void* arg) {
+    Gate* gate = static_cast<Gate*>(arg);
+    std::unique_lock<std::mutex> lock(gate->mutex);
+    gate->entered = true;
+    gate->cv.notify_all();
+    gate->cv.wait(lock, [gate] { return gate->open; });
+  }
+  void WaitEntered() {
+    std::unique_lock<std::mutex> lock(mutex);
+    cv.wait(lock, [this] { return entered; });
+  }
+  void Open() {
+    std::lock_guard<std::mutex> lock(mutex);
+    open = true;
+    cv.notify_all();
+  }
+};
 
 }  // namespace testutil
 

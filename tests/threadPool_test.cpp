@@ -3,41 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
-#include <regex>
 #include <thread>
 #include <vector>
 
 #include "test_util.h"
 
 namespace {
-
-// A job that holds the single worker until the test opens it, so that later jobs are known to
-// be queued (and the pending count cannot fall to 0 early).
-struct Gate {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool entered = false;
-  bool open = false;
-
-  static void Job(void* arg) {
-    Gate* gate = static_cast<Gate*>(arg);
-    std::unique_lock<std::mutex> lock(gate->mutex);
-    gate->entered = true;
-    gate->cv.notify_all();
-    gate->cv.wait(lock, [gate] { return gate->open; });
-  }
-  void WaitEntered() {
-    std::unique_lock<std::mutex> lock(mutex);
-    cv.wait(lock, [this] { return entered; });
-  }
-  void Open() {
-    std::lock_guard<std::mutex> lock(mutex);
-    open = true;
-    cv.notify_all();
-  }
-};
 
 struct Recorder {
   std::mutex mutex;
@@ -71,34 +43,22 @@ class ThreadPoolTest : public testing::Test {
   // before any of it runs; then lets the worker go and waits for the pool to be idle.
   template <class F>
   void WhileHeld(F queue) {
-    Gate gate;
-    pool_->submit({&Gate::Job, &gate});
+    testutil::Gate gate;
+    pool_->submit({&testutil::Gate::Job, &gate});
     gate.WaitEntered();
     queue();
     gate.Open();
     pool_->waitForAllJobDone();
   }
   void Submit(RecordJob& job) { pool_->submit({&RecordJob::Run, &job}); }
-  // Texts logged since the last call, without their varying line numbers.
-  std::vector<std::string> LoggedTexts() {
-    std::vector<std::string> texts;
-    const std::regex line_number("\\] \\d+  ");
-    for (const auto& record : testutil::TakeLogRecords())
-      texts.push_back(std::regex_replace(record.text, line_number, "] N  "));
-    return texts;
-  }
   ThreadPool* pool_ = nullptr;
   Recorder recorder_;
 };
 
-TEST_F(ThreadPoolTest, IsOneProcessWideInstanceStartedOnce) {
+TEST_F(ThreadPoolTest, OneInstanceStartedOnceRunsJobsInSubmissionOrderWithoutOverlap) {
   EXPECT_EQ(ThreadPool::instance(), pool_);
-  EXPECT_EQ(pool_->startup(1), 0);
-  EXPECT_EQ(pool_->startup(1), -2);
-}
-
-TEST_F(ThreadPoolTest, OneWorkerRunsJobsInSubmissionOrderWithoutOverlap) {
   ASSERT_EQ(pool_->startup(1), 0);
+  EXPECT_EQ(pool_->startup(1), -2);
   std::vector<RecordJob> jobs;
   for (int i = 0; i < 300; ++i) jobs.push_back({&recorder_, i});
   WhileHeld([&] {
@@ -109,20 +69,15 @@ TEST_F(ThreadPoolTest, OneWorkerRunsJobsInSubmissionOrderWithoutOverlap) {
   EXPECT_FALSE(recorder_.overlapped);
 }
 
-TEST_F(ThreadPoolTest, ForceEndDropsQueuedJobsAndPendingStillFallsToZero) {
+// The wait returns only once every dropped job was counted off; the next startup runs jobs again.
+TEST_F(ThreadPoolTest, ForceEndDropsQueuedJobsUntilTheNextStartup) {
   ASSERT_EQ(pool_->startup(1), 0);
   std::vector<RecordJob> jobs(10, RecordJob{&recorder_, 0});
-  // The wait returns only once every dropped job was counted off.
   WhileHeld([&] {
     for (RecordJob& job : jobs) Submit(job);
     pool_->forceEnd();
   });
   EXPECT_TRUE(recorder_.order.empty());
-}
-
-TEST_F(ThreadPoolTest, StartupClearsForceEnd) {
-  ASSERT_EQ(pool_->startup(1), 0);
-  pool_->forceEnd();
   pool_->shutdown();
   ASSERT_EQ(pool_->startup(1), 0);
   RecordJob job{&recorder_, 5};
@@ -147,25 +102,19 @@ TEST_F(ThreadPoolTest, DropsJobsWithoutFunctionOrWhileStopped) {
   EXPECT_EQ(recorder_.order, (std::vector<int>{3, 4}));
 }
 
-TEST_F(ThreadPoolTest, WaitWithNothingPendingReturnsAtOnceWithoutLogging) {
+// A wait with nothing pending returns at once and logs nothing; a running pool's shutdown logs
+// three more steps between these two (the API test pins them).
+TEST_F(ThreadPoolTest, IdleWaitLogsNothingAndAStoppedPoolsShutdownOnlyItsFirstAndLastStep) {
   ASSERT_EQ(pool_->startup(1), 0);
-  LoggedTexts();
-  pool_->waitForAllJobDone();
-  EXPECT_TRUE(LoggedTexts().empty());
-}
-
-// A running pool's shutdown logs three more steps between these two; the API test pins them.
-TEST_F(ThreadPoolTest, ShutdownOfAStoppedPoolLogsOnlyItsFirstAndLastStep) {
+  EXPECT_TRUE(testutil::LogsOf([&] { pool_->waitForAllJobDone(); }).empty());
   pool_->shutdown();
-  EXPECT_EQ(LoggedTexts(),
-            (std::vector<std::string>{
-                "[INFO][ threadPool.cpp ] N  shutdown() threadpoll ==> shutdown begin",
-                "[INFO][ threadPool.cpp ] N  shutdown() threadpoll ==> shutdown ok"}));
+  const auto records = testutil::LogsOf([&] { pool_->shutdown(); });
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(testutil::MaskLineNumber(records[0].text),
+            "[INFO][ threadPool.cpp ] N  shutdown() threadpoll ==> shutdown begin");
+  EXPECT_EQ(testutil::MaskLineNumber(records[1].text),
+            "[INFO][ threadPool.cpp ] N  shutdown() threadpoll ==> shutdown ok");
 }
-
-}  // namespace
-
-namespace {
 
 TEST_F(ThreadPoolTest, AStopLeftWithPendingJobsDoesNotHangTheNextWait) {
   // Two quick jobs, each waited for without the semaphore, leave two stale posts. They let both
@@ -178,11 +127,10 @@ TEST_F(ThreadPoolTest, AStopLeftWithPendingJobsDoesNotHangTheNextWait) {
     while (!ran.load()) std::this_thread::yield();
     while (pool_->pendingJobs() != 0) std::this_thread::yield();
   }
-  Gate gate;
-  pool_->submit({&Gate::Job, &gate});
+  testutil::Gate gate;
+  pool_->submit({&testutil::Gate::Job, &gate});
   gate.WaitEntered();
-  Recorder recorder;
-  RecordJob queued{&recorder, 1};
+  RecordJob queued{&recorder_, 1};
   Submit(queued);
   pool_->forceEnd();
   pool_->waitForAllJobDone();
@@ -193,7 +141,7 @@ TEST_F(ThreadPoolTest, AStopLeftWithPendingJobsDoesNotHangTheNextWait) {
   pool_->shutdown();
   opener.join();
   pool_->waitForAllJobDone();
-  EXPECT_TRUE(recorder.order.empty());
+  EXPECT_TRUE(recorder_.order.empty());
 }
 
 }  // namespace

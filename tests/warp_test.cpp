@@ -180,14 +180,10 @@ TEST(SplitFrameWarp, MatchesTheLiteralSixPlaneRule) {
   }
 }
 
-TEST(SplitFrameWarp, IdentityReproducesInPlaceAndApartAlike) {
+// (The identity, which reproduces the frame, is the first homography of the literal rule's test.)
+TEST(SplitFrameWarp, InPlaceAndApartAlike) {
   const int w = 10, h = 6, n = w * h;
   const Bytes src = RandomFrameBuffer(w, h, 4);
-  Matrix identity = Translation(0, 0);
-  Bytes dst(src.size());
-  perspectiveWarpYUV_OP(identity.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
-  EXPECT_EQ(dst, src);  // each chroma pair is the mean of four equal replicas
-  // In place, and with the planes apart, the same as out of place.
   Matrix H = {0.98, 0.05, 1.3, -0.04, 1.01, -0.7, 1e-3, -2e-3, 1};
   Bytes expected(src.size()), in_place = src, y(n), uv(src.size() - n);
   perspectiveWarpYUV_OP(H.data(), const_cast<uint8_t*>(src.data()), expected.data(), w, h);

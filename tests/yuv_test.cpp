@@ -61,9 +61,7 @@ TEST(YuvToRgb, SinglePrecisionRuleClampedAndTruncatedInEitherChromaOrder) {
       SCOPED_TRACE(testing::Message() << (nv12 ? "NV12 " : "NV21 ") << int(c.y) << ","
                                       << int(c.u) << "," << int(c.v));
       const Rgb got = ConvertOne(nv12, c.y, c.u, c.v);
-      EXPECT_EQ(got.r, c.want.r);
-      EXPECT_EQ(got.g, c.want.g);
-      EXPECT_EQ(got.b, c.want.b);
+      EXPECT_TRUE(got == c.want) << int(got.r) << "," << int(got.g) << "," << int(got.b);
     }
   }
 }
@@ -256,18 +254,16 @@ TEST_F(YuvFile, AFileThatCannotBeOpenedTransfersNothingAndIsLogged) {
   const std::string missing = dir_ / "no-such-dir/frame.yuv";
   Bytes luma(8, kUntouched), chroma(4, kUntouched), frame(12, kUntouched);
   std::vector<double> doubles(12, 1.0);
-  testutil::TakeLogRecords();
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(ReadYUVFile(luma.data(), chroma.data(), missing.c_str(), 4, 2), 0);
-  readYUVFile(missing, frame.data(), 4, 2);
-  EXPECT_EQ(WriteYUVFile(luma.data(), chroma.data(), missing.c_str(), 4, 2), 0);
-  EXPECT_EQ(WriteYUVFile(doubles.data(), doubles.data(), missing.c_str(), 4, 2), 0);
-  writeYUVFile(missing, frame.data(), 4, 2);
-  writeYUVFile(missing, doubles.data(), 4, 2);
-  testing::internal::GetCapturedStdout();
+  const auto records = testutil::LogsOf([&] {
+    EXPECT_EQ(ReadYUVFile(luma.data(), chroma.data(), missing.c_str(), 4, 2), 0);
+    readYUVFile(missing, frame.data(), 4, 2);
+    EXPECT_EQ(WriteYUVFile(luma.data(), chroma.data(), missing.c_str(), 4, 2), 0);
+    EXPECT_EQ(WriteYUVFile(doubles.data(), doubles.data(), missing.c_str(), 4, 2), 0);
+    writeYUVFile(missing, frame.data(), 4, 2);
+    writeYUVFile(missing, doubles.data(), 4, 2);
+  });
   EXPECT_TRUE(luma == Bytes(8, kUntouched) && chroma == Bytes(4, kUntouched) &&
               frame == Bytes(12, kUntouched));
-  const auto records = testutil::TakeLogRecords();
   ASSERT_EQ(records.size(), 6u);
   for (const auto& record : records) {
     EXPECT_EQ(record.priority, 6);  // error
@@ -283,9 +279,7 @@ TEST_F(YuvFile, OnlyTheLowerCaseReaderRefusesAReadOnlyFile) {
   writeYUVFile(path, stored.data(), 4, 2);
   ASSERT_EQ(chmod(path.c_str(), 0444), 0);
   Bytes frame(12, kUntouched);
-  testing::internal::CaptureStdout();
-  readYUVFile(path, frame.data(), 4, 2);  // "rb+" needs write permission
-  testing::internal::GetCapturedStdout();
+  testutil::LogsOf([&] { readYUVFile(path, frame.data(), 4, 2); });  // "rb+" needs write access
   EXPECT_TRUE(frame == Bytes(12, kUntouched));
   Bytes luma(8), chroma(4);
   ReadYUVFile(luma.data(), chroma.data(), path.c_str(), 4, 2);  // "rb" does not

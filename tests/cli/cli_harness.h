@@ -18,38 +18,16 @@
 #include <string>
 #include <vector>
 
+#include "test_util.h"
 #include "velmora/filters.h"
 
 namespace clitest {
 
 namespace fs = std::filesystem;
 
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "velmora-cli-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed";
-    path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  std::string path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-  // The names in the directory, sorted: shows any file a run leaves behind.
-  std::vector<std::string> list() const {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(path_))
-      names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
- private:
-  std::string path_;
-};
+using testutil::ReadFile;
+using testutil::TempDir;
+using testutil::WriteFile;
 
 // The command line that runs the tool; call it before forking.
 inline std::vector<std::string> ToolCommand(const std::vector<std::string>& args) {
@@ -123,17 +101,6 @@ inline RunResult RunTool(const std::vector<std::string>& args, const std::string
   return {code, ReadAll(out), ReadAll(err)};
 }
 
-inline void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream file(path, std::ios::binary);
-  file.write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
-}
-
-inline std::vector<uint8_t> ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 inline size_t FrameBytes(int width, int height) { return size_t(width) * height * 3 / 2; }
 
 inline std::vector<uint8_t> RandomFrame(int width, int height, std::mt19937* random) {
@@ -186,6 +153,16 @@ inline bool ReadPng(const std::string& path, Png* png) {
   const bool ok = png_image_finish_read(&image, nullptr, png->rgb.data(), 0, nullptr) != 0;
   png_image_free(&image);
   return ok;
+}
+
+inline bool WritePng(const std::string& path, uint32_t width, uint32_t height,
+                     const std::vector<uint8_t>& rgb) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  image.width = width;
+  image.height = height;
+  image.format = PNG_FORMAT_RGB;
+  return png_image_write_to_file(&image, path.c_str(), 0, rgb.data(), 0, nullptr) != 0;
 }
 
 inline size_t CountLines(const std::string& text) {

@@ -350,7 +350,7 @@ TEST(VelmoraFootage, FirstSignalKeepsTheFramesFoldedSecondAbortsWithoutOutput) {
       EXPECT_TRUE(ReadFile(dir / "out.yuv") == (std::vector<uint8_t>{'o', 'l', 'd'}));
     }
     fs::remove(dir / "slow.yuv");
-    EXPECT_EQ(dir.list(), std::vector<std::string>{"out.yuv"});  // no temporary left behind
+    EXPECT_EQ(dir.List(), std::vector<std::string>{"out.yuv"});  // no temporary left behind
   }
 }
 
@@ -396,7 +396,7 @@ TEST(VelmoraFootage, BadFootageGivesOneErrorLineExitTwoAndLeavesTheOutputAlone) 
       {{"clip.mkv", "--start", "-1"}, "--start '-1': expected a whole number"},
       {{"clip.mkv", "--quality", "101"}, "--quality '101': expected a whole number from 1 to 100"},
   };
-  const std::vector<std::string> before = dir.list();
+  const std::vector<std::string> before = dir.List();
   for (const Case& c : cases) {
     std::vector<std::string> args = {"longexp"};
     args.insert(args.end(), c.args.begin(), c.args.end());
@@ -410,7 +410,7 @@ TEST(VelmoraFootage, BadFootageGivesOneErrorLineExitTwoAndLeavesTheOutputAlone) 
     EXPECT_EQ(CountLines(run.err), 1u) << run.err;
     EXPECT_EQ(run.err.rfind("velmora: error: ", 0), 0u) << run.err;
     EXPECT_NE(run.err.find(c.names), std::string::npos) << run.err;
-    EXPECT_EQ(dir.list(), before);
+    EXPECT_EQ(dir.List(), before);
   }
   EXPECT_TRUE(ReadFile(dir / "keep.jpg") == (std::vector<uint8_t>{'o', 'l', 'd'}));
   EXPECT_TRUE(ReadFile(dir / "same.nv12").size() == FrameBytes(16, 8));
