@@ -18,13 +18,9 @@ namespace velmora {
 void GaussBlurPlane(const GaussKernels& k, const uint8_t* src, uint8_t* dst, int width,
                     int height) {
   if (height < 3 || width < 3) return;
-  const ptrdiff_t stride = width;
   // Border rows and columns are not written; dst must not be src, as each row reads the source
   // row above it.
-  for (int r = 1; r < height - 1; ++r) {
-    const uint8_t* row = src + stride * r;
-    k.blur_row(row - stride, row, row + stride, dst + stride * r, width);
-  }
+  k.blur_plane(src, dst, width, height);
 }
 
 void GaussBlurPlane(const GaussKernels& k, const float* src, float* dst, int width, int height) {

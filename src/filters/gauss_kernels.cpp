@@ -1,9 +1,19 @@
 #include "filters/gauss_kernels.h"
 
+#include <cstddef>
+
 #include "common/dispatch.h"
 
 namespace velmora {
 namespace scalar {
+
+void GaussBlurPlane8(const uint8_t* src, uint8_t* dst, int width, int height) {
+  const ptrdiff_t stride = width;
+  for (int r = 1; r < height - 1; ++r) {
+    const uint8_t* row = src + stride * r;
+    BlurRow(row - stride, row, row + stride, dst + stride * r, width);
+  }
+}
 
 void GaussBlurRowFloat(const float* above, const float* row, const float* below, float* out,
                        int width) {
@@ -22,7 +32,7 @@ void GaussBlurRowFloat(const float* above, const float* row, const float* below,
   }
 }
 
-const GaussKernels kGauss = {BlurRow, GaussBlurRowFloat};
+const GaussKernels kGauss = {GaussBlurPlane8, GaussBlurRowFloat};
 
 }  // namespace scalar
 

@@ -1,63 +1,170 @@
-// AVX2 rows of the 3x3 blurs, 32 bytes or eight floats at a time; each row is finished by the
+// AVX2 kernels of the 3x3 blurs, 32 bytes or eight floats at a time; each row is finished by the
 // scalar rule. Compiled with -mavx2 only (no FMA): every product is rounded before it is added.
 #include <immintrin.h>
 
-#include <algorithm>
+#include <cstddef>
+#include <cstdint>
 
 #include "filters/gauss_kernels.h"
 
 namespace velmora {
 namespace avx2 {
 
-void GaussBlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* out,
-                  int width) {
-  constexpr int kStep = 32;
-  constexpr int kChunk = 512;  // outputs per pass over the column sums, which stay in L1
-  // Outputs 1 .. width - 2, the body in whole steps.
-  const int outputs = width > 2 ? width - 2 : 0;
-  const int body = outputs - outputs % kStep;
-  // Column sums a + 2r + b of columns x0 - 1 .. x0 + n, in natural order: each is formed once and
-  // read by three outputs, where a blur straight from the rows would form it three times.
-  alignas(32) uint16_t sums[kChunk + 2];
-  for (int x0 = 1; x0 < 1 + body; x0 += kChunk) {
-    const int n = std::min(kChunk, 1 + body - x0);
-    const int c0 = x0 - 1;
-    // n / 16 groups cover columns c0 .. c0 + n - 1 without reading past the row; the last two
-    // columns are summed one by one.
-    for (int j = 0; j < n; j += 16) {
-      const __m128i* at = reinterpret_cast<const __m128i*>(above + c0 + j);
-      const __m128i* rt = reinterpret_cast<const __m128i*>(row + c0 + j);
-      const __m128i* bt = reinterpret_cast<const __m128i*>(below + c0 + j);
-      const __m256i a = _mm256_cvtepu8_epi16(_mm_loadu_si128(at));
-      const __m256i r = _mm256_cvtepu8_epi16(_mm_loadu_si128(rt));
-      const __m256i b = _mm256_cvtepu8_epi16(_mm_loadu_si128(bt));
-      const __m256i sum = _mm256_add_epi16(_mm256_add_epi16(a, b), _mm256_add_epi16(r, r));
-      _mm256_store_si256(reinterpret_cast<__m256i*>(sums + j), sum);
-    }
-    for (int c = c0 + n; c < c0 + n + 2; ++c) {
-      sums[c - c0] = static_cast<uint16_t>(above[c] + 2 * row[c] + below[c]);
-    }
-    // Output x0 + i = (sums[i] + 2 sums[i + 1] + sums[i + 2]) / 16; at most 4080 / 16 = 255,
-    // so the saturating pack is the clamp.
-    for (int i = 0; i < n; i += kStep) {
-      __m256i half[2];
-      for (int h = 0; h < 2; ++h) {
-        const uint16_t* s = sums + i + 16 * h;
-        const __m256i left = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
-        const __m256i mid = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 1));
-        const __m256i right = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 2));
-        const __m256i total =
-            _mm256_add_epi16(_mm256_add_epi16(left, right), _mm256_add_epi16(mid, mid));
-        half[h] = _mm256_srli_epi16(total, 4);
-      }
-      // The pack interleaves the 128-bit lanes; put the quarters back in order.
-      const __m256i bytes = _mm256_permute4x64_epi64(_mm256_packus_epi16(half[0], half[1]), 0xD8);
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + x0 + i), bytes);
+namespace {
+
+// The horizontal 1 2 1 sums of the 32 columns c .. c + 31 of a row (p points at column c), by
+// parity: even lane k is column c + 2k, odd lane k is column c + 2k + 1. A byte multiply-add
+// with ones adds each byte pair (2k, 2k + 1) of a load, so the loads at c - 1, c and c + 1 give
+// the pair sums left of, on and right of each even column, and two adds finish both parities:
+// no unpacking, no shuffles.
+inline void RowSums(const uint8_t* p, __m256i ones, __m256i* even, __m256i* odd) {
+  const __m256i left = _mm256_maddubs_epi16(
+      _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p - 1)), ones);
+  const __m256i centre =
+      _mm256_maddubs_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)), ones);
+  const __m256i right = _mm256_maddubs_epi16(
+      _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 1)), ones);
+  *even = _mm256_add_epi16(left, centre);
+  *odd = _mm256_add_epi16(centre, right);
+}
+
+// Totals of at most 4080, by parity, as bytes in column order: the quotient by 16 of the even
+// total shifted down lands in the low byte, the odd one shifted up puts its quotient in the high
+// byte, and a byte blend joins them.
+inline __m256i Pack(__m256i total_even, __m256i total_odd, __m256i high) {
+  return _mm256_blendv_epi8(_mm256_srli_epi16(total_even, 4), _mm256_slli_epi16(total_odd, 4),
+                            high);
+}
+
+// Outputs c .. c + 32 * n - 1 of every interior row, row after row, with each vector's last
+// horizontal sums h and pair sums p = h(r - 1) + h(r) kept in `ring` (4 n vectors, in L1): the
+// total of row r is p(r) + p(r + 1), so each source row is read once.
+void BlurTile(const uint8_t* src, uint8_t* dst, ptrdiff_t stride, int height, int c, int n,
+              __m256i* ring) {
+  const __m256i ones = _mm256_set1_epi8(1);
+  const __m256i high = _mm256_set1_epi16(static_cast<int16_t>(0xFF00));
+  for (int v = 0; v < n; ++v) {
+    __m256i* s = ring + 4 * v;
+    __m256i even0, odd0;
+    RowSums(src + c + 32 * v, ones, &even0, &odd0);
+    RowSums(src + stride + c + 32 * v, ones, &s[0], &s[1]);
+    s[2] = _mm256_add_epi16(even0, s[0]);
+    s[3] = _mm256_add_epi16(odd0, s[1]);
+  }
+  int r = 1;
+  // Two rows at a time: the ring is read and written once per pair.
+  for (; r + 1 < height - 1; r += 2) {
+    const uint8_t* below = src + stride * (r + 1) + c;
+    uint8_t* out = dst + stride * r + c;
+    for (int v = 0; v < n; ++v) {
+      __m256i* s = ring + 4 * v;
+      __m256i even1, odd1, even2, odd2;
+      RowSums(below + 32 * v, ones, &even1, &odd1);
+      RowSums(below + stride + 32 * v, ones, &even2, &odd2);
+      const __m256i pe1 = _mm256_add_epi16(s[0], even1), po1 = _mm256_add_epi16(s[1], odd1);
+      const __m256i pe2 = _mm256_add_epi16(even1, even2), po2 = _mm256_add_epi16(odd1, odd2);
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 32 * v),
+                          Pack(_mm256_add_epi16(s[2], pe1), _mm256_add_epi16(s[3], po1), high));
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + stride + 32 * v),
+                          Pack(_mm256_add_epi16(pe1, pe2), _mm256_add_epi16(po1, po2), high));
+      s[0] = even2;
+      s[1] = odd2;
+      s[2] = pe2;
+      s[3] = po2;
     }
   }
-  // The scalar rule on the rest: its output 1 is ours at 1 + body.
-  if (body < outputs)
-    scalar::BlurRow(above + body, row + body, below + body, out + body, width - body);
+  if (r < height - 1) {
+    const uint8_t* below = src + stride * (r + 1) + c;
+    uint8_t* out = dst + stride * r + c;
+    for (int v = 0; v < n; ++v) {
+      const __m256i* s = ring + 4 * v;
+      __m256i even, odd;
+      RowSums(below + 32 * v, ones, &even, &odd);
+      _mm256_storeu_si256(
+          reinterpret_cast<__m256i*>(out + 32 * v),
+          Pack(_mm256_add_epi16(s[2], _mm256_add_epi16(s[0], even)),
+               _mm256_add_epi16(s[3], _mm256_add_epi16(s[1], odd)), high));
+    }
+  }
+}
+
+// The narrower steps of a row's last columns, in 128-bit registers: kBytes (16 or 8) outputs
+// from c, walking down the plane as BlurTile does, the one vector's sums held in registers.
+template <int kBytes>
+__m128i LoadHalf(const uint8_t* p) {
+  if (kBytes == 16) return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+}
+
+template <int kBytes>
+void RowSumsHalf(const uint8_t* p, __m128i ones, __m128i* even, __m128i* odd) {
+  const __m128i left = _mm_maddubs_epi16(LoadHalf<kBytes>(p - 1), ones);
+  const __m128i centre = _mm_maddubs_epi16(LoadHalf<kBytes>(p), ones);
+  const __m128i right = _mm_maddubs_epi16(LoadHalf<kBytes>(p + 1), ones);
+  *even = _mm_add_epi16(left, centre);
+  *odd = _mm_add_epi16(centre, right);
+}
+
+template <int kBytes>
+void BlurStripHalf(const uint8_t* src, uint8_t* dst, ptrdiff_t stride, int height, int c) {
+  const __m128i ones = _mm_set1_epi8(1);
+  const __m128i high = _mm_set1_epi16(static_cast<int16_t>(0xFF00));
+  __m128i h_even, h_odd, even0, odd0;
+  RowSumsHalf<kBytes>(src + c, ones, &even0, &odd0);
+  RowSumsHalf<kBytes>(src + stride + c, ones, &h_even, &h_odd);
+  __m128i p_even = _mm_add_epi16(even0, h_even), p_odd = _mm_add_epi16(odd0, h_odd);
+  for (int r = 1; r < height - 1; ++r) {
+    __m128i even, odd;
+    RowSumsHalf<kBytes>(src + stride * (r + 1) + c, ones, &even, &odd);
+    const __m128i next_even = _mm_add_epi16(h_even, even);
+    const __m128i next_odd = _mm_add_epi16(h_odd, odd);
+    const __m128i bytes =
+        _mm_blendv_epi8(_mm_srli_epi16(_mm_add_epi16(p_even, next_even), 4),
+                        _mm_slli_epi16(_mm_add_epi16(p_odd, next_odd), 4), high);
+    __m128i* out = reinterpret_cast<__m128i*>(dst + stride * r + c);
+    if (kBytes == 16) {
+      _mm_storeu_si128(out, bytes);
+    } else {
+      _mm_storel_epi64(out, bytes);
+    }
+    h_even = even;
+    h_odd = odd;
+    p_even = next_even;
+    p_odd = next_odd;
+  }
+}
+
+}  // namespace
+
+void GaussBlurPlane8(const uint8_t* src, uint8_t* dst, int width, int height) {
+  const ptrdiff_t stride = width;
+  // Outputs 1 .. width - 2: tiles of whole 32-column vectors (their ring stays in L1), then a
+  // step of 16 and one of 8, then the scalar rule on the rest of each row. A step at c reads
+  // columns c - 1 .. c + its width, inside the row.
+  constexpr int kTile = 64;  // vectors per tile: a ring of 8 KiB
+  alignas(32) __m256i ring[4 * kTile];
+  int c = 1;
+  while (c + 32 <= width - 1) {
+    int n = (width - 1 - c) / 32;
+    if (n > kTile) n = kTile;
+    BlurTile(src, dst, stride, height, c, n, ring);
+    c += 32 * n;
+  }
+  if (c + 16 <= width - 1) {
+    BlurStripHalf<16>(src, dst, stride, height, c);
+    c += 16;
+  }
+  if (c + 8 <= width - 1) {
+    BlurStripHalf<8>(src, dst, stride, height, c);
+    c += 8;
+  }
+  if (c < width - 1) {
+    // The scalar row from column c - 1 writes outputs c .. width - 2.
+    for (int r = 1; r < height - 1; ++r) {
+      const uint8_t* row = src + stride * r + c - 1;
+      scalar::BlurRow(row - stride, row, row + stride, dst + stride * r + c - 1, width - c + 1);
+    }
+  }
 }
 
 void GaussBlurRowFloat(const float* above, const float* row, const float* below, float* out,
@@ -88,7 +195,7 @@ void GaussBlurRowFloat(const float* above, const float* row, const float* below,
     scalar::GaussBlurRowFloat(above + body, row + body, below + body, out + body, width - body);
 }
 
-const GaussKernels kGauss = {GaussBlurRow, GaussBlurRowFloat};
+const GaussKernels kGauss = {GaussBlurPlane8, GaussBlurRowFloat};
 
 }  // namespace avx2
 }  // namespace velmora

@@ -1,58 +1,135 @@
-// NEON rows of the 3x3 blurs, 16 bytes or four floats at a time; each row is finished by the
+// NEON kernels of the 3x3 blurs, 16 bytes or four floats at a time; each row is finished by the
 // scalar rule. Separate multiplies and adds, never a fused or chained multiply-add: every product
 // is rounded before it is added.
 #include <arm_neon.h>
 
-#include <algorithm>
+#include <cstddef>
+#include <cstdint>
 
 #include "filters/gauss_kernels.h"
 
 namespace velmora {
 namespace neon {
 
-void GaussBlurRow(const uint8_t* above, const uint8_t* row, const uint8_t* below, uint8_t* out,
-                  int width) {
-  constexpr int kStep = 16;
-  constexpr int kChunk = 512;  // outputs per pass over the column sums, which stay in L1
-  // Outputs 1 .. width - 2, the body in whole steps.
-  const int outputs = width > 2 ? width - 2 : 0;
-  const int body = outputs - outputs % kStep;
-  // Column sums a + 2r + b of columns x0 - 1 .. x0 + n: each is formed once and read by three
-  // outputs, where a blur straight from the rows would form it three times.
-  uint16_t sums[kChunk + 2];
-  for (int x0 = 1; x0 < 1 + body; x0 += kChunk) {
-    const int n = std::min(kChunk, 1 + body - x0);
-    const int c0 = x0 - 1;
-    // n / 16 groups cover columns c0 .. c0 + n - 1 without reading past the row; the last two
-    // columns are summed one by one.
-    for (int j = 0; j < n; j += 16) {
-      const uint8x16_t a = vld1q_u8(above + c0 + j), r = vld1q_u8(row + c0 + j),
-                       b = vld1q_u8(below + c0 + j);
-      vst1q_u16(sums + j,
-                vaddq_u16(vaddl_u8(vget_low_u8(a), vget_low_u8(b)), vshll_n_u8(vget_low_u8(r), 1)));
-      vst1q_u16(sums + j + 8, vaddq_u16(vaddl_u8(vget_high_u8(a), vget_high_u8(b)),
-                                        vshll_n_u8(vget_high_u8(r), 1)));
-    }
-    for (int c = c0 + n; c < c0 + n + 2; ++c) {
-      sums[c - c0] = static_cast<uint16_t>(above[c] + 2 * row[c] + below[c]);
-    }
-    // Output x0 + i = (sums[i] + 2 sums[i + 1] + sums[i + 2]) / 16; at most 4080 / 16 = 255,
-    // so the narrowing shift loses nothing.
-    for (int i = 0; i < n; i += kStep) {
-      uint8x8_t half[2];
-      for (int h = 0; h < 2; ++h) {
-        const uint16_t* s = sums + i + 8 * h;
-        const uint16x8_t mid = vld1q_u16(s + 1);
-        const uint16x8_t total =
-            vaddq_u16(vaddq_u16(vld1q_u16(s), vld1q_u16(s + 2)), vaddq_u16(mid, mid));
-        half[h] = vshrn_n_u16(total, 4);
-      }
-      vst1q_u8(out + x0 + i, vcombine_u8(half[0], half[1]));
+namespace {
+
+// The horizontal 1 2 1 sums of the 16 columns c .. c + 15 of a row (p points at column c), by
+// parity: even lane k is column c + 2k, odd lane k is column c + 2k + 1. A pairwise widening add
+// sums each byte pair (2k, 2k + 1) of a load, so the loads at c - 1, c and c + 1 give the pair
+// sums left of, on and right of each even column, and two adds finish both parities.
+inline void RowSums(const uint8_t* p, uint16x8_t* even, uint16x8_t* odd) {
+  const uint16x8_t left = vpaddlq_u8(vld1q_u8(p - 1));
+  const uint16x8_t centre = vpaddlq_u8(vld1q_u8(p));
+  const uint16x8_t right = vpaddlq_u8(vld1q_u8(p + 1));
+  *even = vaddq_u16(left, centre);
+  *odd = vaddq_u16(centre, right);
+}
+
+// Totals of at most 4080, by parity, stored as bytes in column order: each quotient by 16 fits a
+// byte; the odd one is inserted above the even one in each 16-bit lane.
+inline void Store(uint8_t* out, uint16x8_t total_even, uint16x8_t total_odd) {
+  const uint16x8_t joined = vsliq_n_u16(vshrq_n_u16(total_even, 4), vshrq_n_u16(total_odd, 4), 8);
+  vst1q_u8(out, vreinterpretq_u8_u16(joined));
+}
+
+// Outputs c .. c + 16 * n - 1 of every interior row, row after row, with each vector's last
+// horizontal sums h and pair sums p = h(r - 1) + h(r) kept in `ring` (4 n vectors): the total of
+// row r is p(r) + p(r + 1), so each source row is read once.
+void BlurTile(const uint8_t* src, uint8_t* dst, ptrdiff_t stride, int height, int c, int n,
+              uint16x8_t* ring) {
+  for (int v = 0; v < n; ++v) {
+    uint16x8_t* s = ring + 4 * v;
+    uint16x8_t even0, odd0;
+    RowSums(src + c + 16 * v, &even0, &odd0);
+    RowSums(src + stride + c + 16 * v, &s[0], &s[1]);
+    s[2] = vaddq_u16(even0, s[0]);
+    s[3] = vaddq_u16(odd0, s[1]);
+  }
+  int r = 1;
+  // Two rows at a time: the ring is read and written once per pair.
+  for (; r + 1 < height - 1; r += 2) {
+    const uint8_t* below = src + stride * (r + 1) + c;
+    uint8_t* out = dst + stride * r + c;
+    for (int v = 0; v < n; ++v) {
+      uint16x8_t* s = ring + 4 * v;
+      uint16x8_t even1, odd1, even2, odd2;
+      RowSums(below + 16 * v, &even1, &odd1);
+      RowSums(below + stride + 16 * v, &even2, &odd2);
+      const uint16x8_t pe1 = vaddq_u16(s[0], even1), po1 = vaddq_u16(s[1], odd1);
+      const uint16x8_t pe2 = vaddq_u16(even1, even2), po2 = vaddq_u16(odd1, odd2);
+      Store(out + 16 * v, vaddq_u16(s[2], pe1), vaddq_u16(s[3], po1));
+      Store(out + stride + 16 * v, vaddq_u16(pe1, pe2), vaddq_u16(po1, po2));
+      s[0] = even2;
+      s[1] = odd2;
+      s[2] = pe2;
+      s[3] = po2;
     }
   }
-  // The scalar rule on the rest: its output 1 is ours at 1 + body.
-  if (body < outputs)
-    scalar::BlurRow(above + body, row + body, below + body, out + body, width - body);
+  if (r < height - 1) {
+    const uint8_t* below = src + stride * (r + 1) + c;
+    uint8_t* out = dst + stride * r + c;
+    for (int v = 0; v < n; ++v) {
+      const uint16x8_t* s = ring + 4 * v;
+      uint16x8_t even, odd;
+      RowSums(below + 16 * v, &even, &odd);
+      Store(out + 16 * v, vaddq_u16(s[2], vaddq_u16(s[0], even)),
+            vaddq_u16(s[3], vaddq_u16(s[1], odd)));
+    }
+  }
+}
+
+// A step of 8 outputs from c, walking down the plane with its sums in registers.
+void BlurStrip8(const uint8_t* src, uint8_t* dst, ptrdiff_t stride, int height, int c) {
+  const auto row_sums = [](const uint8_t* p, uint16x4_t* even, uint16x4_t* odd) {
+    const uint16x4_t centre = vpaddl_u8(vld1_u8(p));
+    *even = vadd_u16(vpaddl_u8(vld1_u8(p - 1)), centre);
+    *odd = vadd_u16(centre, vpaddl_u8(vld1_u8(p + 1)));
+  };
+  uint16x4_t h_even, h_odd, even0, odd0;
+  row_sums(src + c, &even0, &odd0);
+  row_sums(src + stride + c, &h_even, &h_odd);
+  uint16x4_t p_even = vadd_u16(even0, h_even), p_odd = vadd_u16(odd0, h_odd);
+  for (int r = 1; r < height - 1; ++r) {
+    uint16x4_t even, odd;
+    row_sums(src + stride * (r + 1) + c, &even, &odd);
+    const uint16x4_t next_even = vadd_u16(h_even, even), next_odd = vadd_u16(h_odd, odd);
+    const uint16x4_t joined = vsli_n_u16(vshr_n_u16(vadd_u16(p_even, next_even), 4),
+                                         vshr_n_u16(vadd_u16(p_odd, next_odd), 4), 8);
+    vst1_u8(dst + stride * r + c, vreinterpret_u8_u16(joined));
+    h_even = even;
+    h_odd = odd;
+    p_even = next_even;
+    p_odd = next_odd;
+  }
+}
+
+}  // namespace
+
+void GaussBlurPlane8(const uint8_t* src, uint8_t* dst, int width, int height) {
+  const ptrdiff_t stride = width;
+  // Outputs 1 .. width - 2: tiles of whole 16-column vectors, then a step of 8, then the scalar
+  // rule on the rest of each row. A step at c reads columns c - 1 .. c + its width, inside the
+  // row.
+  constexpr int kTile = 128;  // vectors per tile: a ring of 8 KiB
+  uint16x8_t ring[4 * kTile];
+  int c = 1;
+  while (c + 16 <= width - 1) {
+    int n = (width - 1 - c) / 16;
+    if (n > kTile) n = kTile;
+    BlurTile(src, dst, stride, height, c, n, ring);
+    c += 16 * n;
+  }
+  if (c + 8 <= width - 1) {
+    BlurStrip8(src, dst, stride, height, c);
+    c += 8;
+  }
+  if (c < width - 1) {
+    // The scalar row from column c - 1 writes outputs c .. width - 2.
+    for (int r = 1; r < height - 1; ++r) {
+      const uint8_t* row = src + stride * r + c - 1;
+      scalar::BlurRow(row - stride, row, row + stride, dst + stride * r + c - 1, width - c + 1);
+    }
+  }
 }
 
 void GaussBlurRowFloat(const float* above, const float* row, const float* below, float* out,
@@ -83,7 +160,7 @@ void GaussBlurRowFloat(const float* above, const float* row, const float* below,
     scalar::GaussBlurRowFloat(above + body, row + body, below + body, out + body, width - body);
 }
 
-const GaussKernels kGauss = {GaussBlurRow, GaussBlurRowFloat};
+const GaussKernels kGauss = {GaussBlurPlane8, GaussBlurRowFloat};
 
 }  // namespace neon
 }  // namespace velmora
