@@ -1,7 +1,7 @@
 // AVX2 row kernels of the perspective warps, eight destination pixels at a time: the mapping in
 // double (two groups of four lanes, the same products and exact divisions as the scalar rule),
-// the samples fetched by gathers, the blends in integers or double. Each row is finished
-// by the scalar rule. Compiled with -mavx2 only (no FMA): every product is rounded on its own.
+// the samples fetched by gathers (or, in the split frame warp, shuffled out of short windows of
+// the rows), the blends in integers or double. Each row is finished by the scalar rule. Compiled with -mavx2 only (no FMA): every product is rounded on its own.
 // No library templates or shared inline helpers here: an instantiation built with -mavx2 could
 // be the copy the linker keeps for all.
 #include <immintrin.h>
@@ -196,25 +196,115 @@ Grid MakeGrid(const Positions& p, int width, int height) {
           Join(nearest[0], nearest[1])};
 }
 
-// The fixed-point bilinear rule; 255 out of view. The integer blend is exact, so it may run
-// horizontally first (one 16-bit multiply-add per row of the cell): the same value as the
-// definition's vertical-first order. The neighbours are not clamped: on the last column (row)
-// the position is exactly that column (row), so the weight of the neighbour after it is 0 and
-// whatever is read there (the next row's first byte, or 0 past the plane) adds nothing.
+// MakeGrid for the common block whose eight positions all lie in the fixed-point view (so in the
+// nearest one too): no lane needs moving, the masks are all ones, and the nearest position is
+// the floor plus one where the weight reaches 1024 (the fraction times 2048 is exact, so its
+// truncation reaches 1024 exactly when the fraction reaches one half). False, and nothing
+// filled, when a lane is out of view.
+bool InViewGrid(const Positions& p, int width, int height, Grid* grid) {
+  const __m256d bil0 = _mm256_and_pd(InRange(p.x[0], width - 1.0), InRange(p.y[0], height - 1.0));
+  const __m256d bil1 = _mm256_and_pd(InRange(p.x[1], width - 1.0), InRange(p.y[1], height - 1.0));
+  if (_mm256_movemask_pd(_mm256_and_pd(bil0, bil1)) != 0xF) return false;
+  const __m256d scale = _mm256_set1_pd(2048.0);
+  __m128i x0[2], y0[2], wx[2], wy[2];
+  for (int g = 0; g < 2; ++g) {
+    const __m256d fl_x = _mm256_floor_pd(p.x[g]), fl_y = _mm256_floor_pd(p.y[g]);
+    x0[g] = _mm256_cvttpd_epi32(fl_x);
+    y0[g] = _mm256_cvttpd_epi32(fl_y);
+    wx[g] = _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_sub_pd(p.x[g], fl_x), scale));
+    wy[g] = _mm256_cvttpd_epi32(_mm256_mul_pd(_mm256_sub_pd(p.y[g], fl_y), scale));
+  }
+  grid->x0 = Join(x0[0], x0[1]);
+  grid->y0 = Join(y0[0], y0[1]);
+  grid->wx = Join(wx[0], wx[1]);
+  grid->wy = Join(wy[0], wy[1]);
+  const __m256i half = _mm256_set1_epi32(1023);
+  grid->rx = _mm256_sub_epi32(grid->x0, _mm256_cmpgt_epi32(grid->wx, half));
+  grid->ry = _mm256_sub_epi32(grid->y0, _mm256_cmpgt_epi32(grid->wy, half));
+  grid->bilinear = grid->nearest = _mm256_set1_epi32(-1);
+  return true;
+}
+
+// The fixed-point blend of eight cells whose top and bottom pairs (left, right as two int16 per
+// lane) are given. The integer blend is exact, so it may run horizontally first (one 16-bit
+// multiply-add per row of the cell): the same value as the definition's vertical-first order.
+__m256i FixedPointBlend(__m256i top_pairs, __m256i bottom_pairs, const Grid& g) {
+  const __m256i full = _mm256_set1_epi32(2048);
+  const __m256i weights =
+      _mm256_or_si256(_mm256_sub_epi32(full, g.wx), _mm256_slli_epi32(g.wx, 16));
+  const __m256i upper = _mm256_madd_epi16(top_pairs, weights);
+  const __m256i lower = _mm256_madd_epi16(bottom_pairs, weights);
+  // Below 2^31: signed 32-bit multiplies give the unsigned results.
+  const __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(upper, _mm256_sub_epi32(full, g.wy)),
+                                       _mm256_mullo_epi32(lower, g.wy));
+  return _mm256_srli_epi32(sum, 22);
+}
+
+// The fixed-point bilinear rule; 255 out of view. The neighbours are not clamped: on the last
+// column (row) the position is exactly that column (row), so the weight of the neighbour after
+// it is 0 and whatever is read there (the next row's first byte, or 0 past the plane) adds
+// nothing.
 __m256i FixedPoint8(const uint8_t* src, int width, int height, const Grid& g) {
   const int size = width * height;
   const __m256i w = _mm256_set1_epi32(width);
   const __m256i top = _mm256_and_si256(_mm256_add_epi32(_mm256_mullo_epi32(g.y0, w), g.x0),
                                        g.bilinear);
   const __m256i bottom = _mm256_add_epi32(top, w);
-  const __m256i full = _mm256_set1_epi32(2048);
-  const __m256i weights = _mm256_or_si256(_mm256_sub_epi32(full, g.wx), _mm256_slli_epi32(g.wx, 16));
-  const __m256i upper = _mm256_madd_epi16(PairAt(src, top, size), weights);
-  const __m256i lower = _mm256_madd_epi16(PairAt(src, bottom, size), weights);
-  // Below 2^31: signed 32-bit multiplies give the unsigned results.
-  const __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(upper, _mm256_sub_epi32(full, g.wy)),
-                                       _mm256_mullo_epi32(lower, g.wy));
-  return _mm256_blendv_epi8(_mm256_set1_epi32(255), _mm256_srli_epi32(sum, 22), g.bilinear);
+  const __m256i value = FixedPointBlend(PairAt(src, top, size), PairAt(src, bottom, size), g);
+  return _mm256_blendv_epi8(_mm256_set1_epi32(255), value, g.bilinear);
+}
+
+// A registration homography moves eight neighbouring pixels by about the same amount, so their
+// cells usually lie within 16 columns and two rows of each other. Then three 16-byte loads of the
+// rows they touch and byte shuffles fetch all the samples, where gathers would fetch each lane
+// on its own. A Window says where such a block starts and each lane's offset into it.
+struct Window {
+  int x, y;        // the block's first column and row in the plane
+  __m256i pick;    // per lane, shuffle indices of the bytes at dx and dx + 1 as two int16
+  __m256i second;  // lanes whose row is y + 1 (all ones), else y
+};
+
+// Whether the eight (col, row) fit a window of 16 columns (col - x in 0 .. 14, so that col + 1 is
+// inside too) and two rows (row - y in 0 .. 1), starting at the smaller of the first and last
+// lane. Bounds against the plane are the caller's.
+bool FitWindow(__m256i col, __m256i row, Window* w) {
+  const int col_first = _mm256_cvtsi256_si32(col), col_last = _mm256_extract_epi32(col, 7);
+  const int row_first = _mm256_cvtsi256_si32(row), row_last = _mm256_extract_epi32(row, 7);
+  w->x = col_first < col_last ? col_first : col_last;
+  w->y = row_first < row_last ? row_first : row_last;
+  const __m256i dx = _mm256_sub_epi32(col, _mm256_set1_epi32(w->x));
+  const __m256i dy = _mm256_sub_epi32(row, _mm256_set1_epi32(w->y));
+  // Unsigned bounds: a negative offset is huge.
+  const __m256i dx_max = _mm256_set1_epi32(14), one = _mm256_set1_epi32(1);
+  const __m256i fits =
+      _mm256_and_si256(_mm256_cmpeq_epi32(_mm256_max_epu32(dx, dx_max), dx_max),
+                       _mm256_cmpeq_epi32(_mm256_max_epu32(dy, one), one));
+  if (_mm256_movemask_epi8(fits) != -1) return false;
+  // Bytes dx, zero, dx + 1, zero: the two samples as int16.
+  w->pick = _mm256_add_epi32(_mm256_add_epi32(dx, _mm256_slli_epi32(dx, 16)),
+                             _mm256_set1_epi32(static_cast<int>(0x80018000u)));
+  w->second = _mm256_cmpeq_epi32(dy, one);
+  return true;
+}
+
+// The pairs at each lane's offset, from 16 bytes at `row` in both 128-bit lanes.
+__m256i WindowPairs(const uint8_t* row, const Window& w) {
+  const __m256i bytes =
+      _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row)));
+  return _mm256_shuffle_epi8(bytes, w.pick);
+}
+
+// FixedPoint8 of an in-view grid from a window, when the cells fit one inside the plane (rows
+// y .. y + 2, columns x .. x + 15); false otherwise.
+bool FixedPointWindow8(const uint8_t* src, int width, int height, const Grid& g, __m256i* out) {
+  Window w;
+  if (!FitWindow(g.x0, g.y0, &w) || w.x + 16 > width || w.y + 2 > height - 1) return false;
+  const uint8_t* row = src + static_cast<int64_t>(w.y) * width + w.x;
+  const __m256i p0 = WindowPairs(row, w), p1 = WindowPairs(row + width, w);
+  const __m256i p2 = WindowPairs(row + 2 * width, w);
+  *out = FixedPointBlend(_mm256_blendv_epi8(p0, p1, w.second),
+                         _mm256_blendv_epi8(p1, p2, w.second), g);
+  return true;
 }
 
 // The replicated chroma planes at the nearest positions: the pair at chroma row y / 2, byte
@@ -234,6 +324,24 @@ void ChromaPairs8(const uint8_t* src_uv, int width, int chroma, const Grid& g, _
   const __m256i fill = _mm256_set1_epi32(255);
   *first = _mm256_blendv_epi8(fill, _mm256_and_si256(word, byte), valid0);
   *second = _mm256_blendv_epi8(fill, _mm256_and_si256(_mm256_srli_epi32(word, 8), byte), valid1);
+}
+
+// ChromaPairs8 of an in-view grid from a window of two chroma rows, when the pairs fit one
+// inside the chroma plane of `rows` rows; false otherwise.
+bool ChromaWindow8(const uint8_t* src_uv, int width, int rows, const Grid& g, __m256i* first,
+                   __m256i* second) {
+  Window w;
+  const __m256i pair_col = _mm256_andnot_si256(_mm256_set1_epi32(1), g.rx);
+  if (!FitWindow(pair_col, _mm256_srli_epi32(g.ry, 1), &w) || w.x + 16 > width ||
+      w.y + 1 > rows - 1) {
+    return false;
+  }
+  const uint8_t* row = src_uv + static_cast<int64_t>(w.y) * width + w.x;
+  const __m256i pairs = _mm256_blendv_epi8(WindowPairs(row, w), WindowPairs(row + width, w),
+                                           w.second);
+  *first = _mm256_and_si256(pairs, _mm256_set1_epi32(0xffff));
+  *second = _mm256_srli_epi32(pairs, 16);
+  return true;
 }
 
 }  // namespace
@@ -317,16 +425,33 @@ void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uin
   int x = x_begin;
   // Whole blocks of both rows only: the spill of an odd width's last column and an odd height's
   // last row are left to the scalar rule.
-  if (y + 1 < height) {
-    for (; x + kStep <= (width & ~1); x += kStep) {
+  const int end = width & ~1;
+  if (y + 1 < height && x + kStep <= end) {
+    // The divisions are the slowest part and nothing else waits on a block's own: each step maps
+    // the next block while it samples the one mapped before, so the divider runs alongside.
+    Positions next[2] = {HalfScale(m, H, x, y), HalfScale(m, H, x, y + 1)};
+    for (; x + kStep <= end; x += kStep) {
+      const Positions current[2] = {next[0], next[1]};
+      if (x + 2 * kStep <= end) {
+        next[0] = HalfScale(m, H, x + kStep, y);
+        next[1] = HalfScale(m, H, x + kStep, y + 1);
+      }
       __m256i sum0 = _mm256_setzero_si256(), sum1 = _mm256_setzero_si256();
       for (int r = 0; r < 2; ++r) {
         // One mapping serves the luma sample and the nearest chroma sample of a pixel.
-        const Grid g = MakeGrid(HalfScale(m, H, x, y + r), width, height);
-        Store8(dst_y + static_cast<int64_t>(y + r) * width + x,
-               FixedPoint8(src_y, width, height, g));
-        __m256i c0, c1;
-        ChromaPairs8(src_uv, width, chroma, g, &c0, &c1);
+        const Positions& p = current[r];
+        // Blocks wholly in view whose samples lie close together read them from windows; the
+        // others, through gathers.
+        Grid g;
+        __m256i luma, c0, c1;
+        if (!InViewGrid(p, width, height, &g) ||
+            !FixedPointWindow8(src_y, width, height, g, &luma) ||
+            !ChromaWindow8(src_uv, width, height / 2, g, &c0, &c1)) {
+          g = MakeGrid(p, width, height);
+          luma = FixedPoint8(src_y, width, height, g);
+          ChromaPairs8(src_uv, width, chroma, g, &c0, &c1);
+        }
+        Store8(dst_y + static_cast<int64_t>(y + r) * width + x, luma);
         sum0 = _mm256_add_epi32(sum0, c0);
         sum1 = _mm256_add_epi32(sum1, c1);
       }
