@@ -160,7 +160,25 @@ void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uin
   }
 }
 
-const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows};
+void DirectChromaRow(const double* H, const BilinearSource& luma, const BilinearSource& chroma,
+                     uint8_t* dst_pairs, int width, int y, int x_begin) {
+  for (int x = x_begin; x + 1 < width; x += 2) {
+    double sx, sy;
+    // A block whose top-left luma is out of view keeps the chroma the destination held.
+    if (!BilinearPosition(H, luma, x, y, &sx, &sy)) continue;
+    // H at the same scale on the chroma grid, without the half-resolution correction: a
+    // translation moves the chroma by the full luma offset in chroma pixels. Kept.
+    uint8_t* pair = dst_pairs + x;
+    if (BilinearPosition(H, chroma, x / 2, y / 2, &sx, &sy)) {
+      pair[0] = BilinearSample(chroma, sx, sy, 0);
+      pair[1] = BilinearSample(chroma, sx, sy, 1);
+    } else {
+      pair[0] = pair[1] = 128;
+    }
+  }
+}
+
+const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows, DirectChromaRow};
 
 }  // namespace scalar
 

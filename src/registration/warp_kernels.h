@@ -49,6 +49,15 @@ using SplitRowsFn = void (*)(const double* H, const uint8_t* src_y, const uint8_
                              uint8_t* dst_y, uint8_t* dst_uv, int width, int height, int y,
                              int x_begin);
 
+// The chroma of the direct frame warps on the even row y: each block at an even column
+// x >= x_begin (with x + 1 < width) whose top-left luma (x, y) is in view of `luma` gets, at
+// dst_pairs[x] and dst_pairs[x + 1], the two bilinear samples of `chroma` at H(x / 2, y / 2)
+// (at full scale on the chroma grid), or 128 and 128 when that is out of view; a block whose
+// luma is out of view keeps the bytes it had.
+using DirectChromaRowFn = void (*)(const double* H, const BilinearSource& luma,
+                                   const BilinearSource& chroma, uint8_t* dst_pairs, int width,
+                                   int y, int x_begin);
+
 #define VELMORA_WARP_KERNELS                                                                      \
   void FixedPointRow(const double* H, const uint8_t* src, uint8_t* dst_row, int width, int height, \
                      int y, int x_begin);                                                         \
@@ -57,7 +66,9 @@ using SplitRowsFn = void (*)(const double* H, const uint8_t* src_y, const uint8_
   void BilinearRow(const double* H, const BilinearSource& src, uint8_t* dst_row, int width, int y, \
                    uint8_t fill, int x_begin);                                                    \
   void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uint8_t* dst_y,    \
-                 uint8_t* dst_uv, int width, int height, int y, int x_begin);
+                 uint8_t* dst_uv, int width, int height, int y, int x_begin);                     \
+  void DirectChromaRow(const double* H, const BilinearSource& luma, const BilinearSource& chroma, \
+                       uint8_t* dst_pairs, int width, int y, int x_begin);
 
 namespace scalar {
 VELMORA_WARP_KERNELS
@@ -76,6 +87,7 @@ struct WarpKernels {
   HalfScaleRowFn nearest_row;      // perspectiveWarpNN
   BilinearRowFn bilinear_row;      // perspectiveWarp and the luma of the direct frame warps
   SplitRowsFn split_rows;          // perspectiveWarpYUV_OP
+  DirectChromaRowFn direct_chroma_row;  // the chroma of perspectiveWarpYUV and _B
 };
 
 namespace scalar {

@@ -54,14 +54,18 @@ Positions HalfScale(const Matrix& m, const double* H, int x, int y) {
 }
 
 // H(x, y) plus the source's offsets.
-Positions FullScale(const Matrix& m, const double* H, const BilinearSource& src, int x, int y) {
+Positions FullScale(const Matrix& m, const double* H, const BilinearSource& src, int x, int y,
+                    int x_step = 1) {
   const double yd = static_cast<double>(y);
   const __m256d h1y = _mm256_set1_pd(H[1] * yd);
   const __m256d h4y = _mm256_set1_pd(H[4] * yd);
   const __m256d h7y = _mm256_set1_pd(H[7] * yd);
+  // Columns x + x_step * i, i = 0 .. 7 (exact).
+  const __m256d steps = _mm256_mul_pd(_mm256_setr_pd(0.0, 1.0, 2.0, 3.0), _mm256_set1_pd(x_step));
   Positions p;
   for (int g = 0; g < 2; ++g) {
-    const __m256d xs = Columns(x, g);
+    const __m256d xs =
+        _mm256_add_pd(_mm256_set1_pd(static_cast<double>(x + 4 * g * x_step)), steps);
     const __m256d w = _mm256_add_pd(m.h[8], _mm256_add_pd(_mm256_mul_pd(m.h[6], xs), h7y));
     const __m256d nx = _mm256_add_pd(m.h[2], _mm256_add_pd(_mm256_mul_pd(m.h[0], xs), h1y));
     const __m256d ny = _mm256_add_pd(m.h[5], _mm256_add_pd(_mm256_mul_pd(m.h[3], xs), h4y));
@@ -96,6 +100,14 @@ __m256i WordAt(const uint8_t* base, __m256i off, int size) {
   const __m256i start = _mm256_min_epi32(
       _mm256_max_epi32(_mm256_sub_epi32(off, _mm256_set1_epi32(2)), _mm256_setzero_si256()),
       _mm256_set1_epi32(size - 4));
+  const __m256i word = _mm256_i32gather_epi32(reinterpret_cast<const int*>(base), start, 1);
+  return _mm256_srlv_epi32(word, _mm256_slli_epi32(_mm256_sub_epi32(off, start), 3));
+}
+
+// The four bytes at base + off .. off + 3 of eight lanes (those beyond the plane's `size` bytes,
+// 4 or more, as 0), from one 4-byte gather placed inside it.
+__m256i QuadAt(const uint8_t* base, __m256i off, int size) {
+  const __m256i start = _mm256_min_epi32(off, _mm256_set1_epi32(size - 4));
   const __m256i word = _mm256_i32gather_epi32(reinterpret_cast<const int*>(base), start, 1);
   return _mm256_srlv_epi32(word, _mm256_slli_epi32(_mm256_sub_epi32(off, start), 3));
 }
@@ -465,7 +477,76 @@ void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uin
   scalar::SplitRows(H, src_y, src_uv, dst_y, dst_uv, width, height, y, x);
 }
 
-const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows};
+void DirectChromaRow(const double* H, const BilinearSource& luma, const BilinearSource& chroma,
+                     uint8_t* dst_pairs, int width, int y, int x_begin) {
+  const Matrix m(H);
+  const __m256d one = _mm256_set1_pd(1.0);
+  // The bytes a chroma sample may read: up to the second byte of the last pair of the last row.
+  const int size = chroma.last_row * chroma.stride + chroma.last_col * chroma.step + 2;
+  const __m256i inc = _mm256_set1_epi32(1);
+  int x = x_begin;
+  // Eight blocks a step: luma columns x, x + 2, .. x + 14, chroma columns x / 2 .. x / 2 + 7.
+  for (; size >= 4 && x + 16 <= width; x += 16) {
+    const Positions at = FullScale(m, H, luma, x, y, 2);
+    const __m256d luma_in[2] = {
+        _mm256_and_pd(InRange(at.x[0], luma.max_x), InRange(at.y[0], luma.max_y)),
+        _mm256_and_pd(InRange(at.x[1], luma.max_x), InRange(at.y[1], luma.max_y))};
+    // No block with its luma in view: nothing is written.
+    if (_mm256_movemask_pd(_mm256_or_pd(luma_in[0], luma_in[1])) == 0) continue;
+    const Cells c = Split(FullScale(m, H, chroma, x / 2, y / 2), chroma.max_x, chroma.max_y);
+    const __m256i y1 = _mm256_min_epi32(_mm256_add_epi32(c.y0, inc),
+                                        _mm256_set1_epi32(chroma.last_row));
+    const __m256i stride = _mm256_set1_epi32(chroma.stride);
+    const __m256i left = _mm256_slli_epi32(c.x0, 1);  // two bytes a pair
+    // The pair at x0 and the one after it (weight 0 on the last column, where it may be the next
+    // row's or 0 past the plane).
+    const __m256i top = QuadAt(chroma.plane, _mm256_add_epi32(_mm256_mullo_epi32(c.y0, stride),
+                                                              left), size);
+    const __m256i bottom = QuadAt(chroma.plane, _mm256_add_epi32(_mm256_mullo_epi32(y1, stride),
+                                                                 left), size);
+    __m256i bytes = _mm256_setzero_si256();
+    for (int b = 0; b < 2; ++b) {
+      const __m256i mask = _mm256_set1_epi32(0xff);
+      const __m256i tl = _mm256_and_si256(_mm256_srli_epi32(top, 8 * b), mask);
+      const __m256i tr = _mm256_and_si256(_mm256_srli_epi32(top, 8 * b + 16), mask);
+      const __m256i bl = _mm256_and_si256(_mm256_srli_epi32(bottom, 8 * b), mask);
+      const __m256i br = _mm256_and_si256(_mm256_srli_epi32(bottom, 8 * b + 16), mask);
+      __m128i value[2];
+      for (int g = 0; g < 2; ++g) {
+        const auto half = [g](__m256i v) {
+          return _mm256_cvtepi32_pd(g == 0 ? _mm256_castsi256_si128(v)
+                                           : _mm256_extracti128_si256(v, 1));
+        };
+        const __m256d fx = c.fx[g], fy = c.fy[g];
+        const __m256d gx = _mm256_sub_pd(one, fx), gy = _mm256_sub_pd(one, fy);
+        // fy (1 - fx) bl + (1 - fx)(1 - fy) tl, then + fx (1 - fy) tr, then + fx fy br.
+        __m256d v = _mm256_add_pd(_mm256_mul_pd(_mm256_mul_pd(fy, gx), half(bl)),
+                                  _mm256_mul_pd(_mm256_mul_pd(gx, gy), half(tl)));
+        v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, gy), half(tr)));
+        v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, fy), half(br)));
+        // v >= 0: halves away from zero are halves up.
+        const __m256d fl = _mm256_floor_pd(v);
+        const __m256d up = _mm256_cmp_pd(_mm256_sub_pd(v, fl), _mm256_set1_pd(0.5), _CMP_GE_OQ);
+        value[g] = _mm256_cvttpd_epi32(_mm256_add_pd(fl, _mm256_and_pd(up, one)));
+      }
+      // Out of the chroma view: 128.
+      const __m256i sample =
+          _mm256_blendv_epi8(_mm256_set1_epi32(128), Join(value[0], value[1]), c.mask);
+      bytes = _mm256_or_si256(bytes, _mm256_slli_epi32(sample, 8 * b));
+    }
+    // The eight pairs as 16-bit lanes in order, beside the luma view as 16-bit masks; blocks
+    // out of the luma view keep the destination's bytes.
+    const __m256i keep = _mm256_srli_epi32(Join(MaskToInt(luma_in[0]), MaskToInt(luma_in[1])), 16);
+    const __m256i packed =
+        _mm256_permute4x64_epi64(_mm256_packus_epi32(bytes, keep), _MM_SHUFFLE(3, 1, 2, 0));
+    __m128i* out = reinterpret_cast<__m128i*>(dst_pairs + x);
+    _mm_storeu_si128(out, _mm_blendv_epi8(_mm_loadu_si128(out), _mm256_castsi256_si128(packed),
+                                          _mm256_extracti128_si256(packed, 1)));
+  }
+  scalar::DirectChromaRow(H, luma, chroma, dst_pairs, width, y, x);
+}
+
+const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows, DirectChromaRow};
 
 }  // namespace avx2
 }  // namespace velmora

@@ -290,7 +290,8 @@ void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uin
   scalar::SplitRows(H, src_y, src_uv, dst_y, dst_uv, width, height, y, x);
 }
 
-const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows};
+const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows,
+                        scalar::DirectChromaRow};
 
 }  // namespace neon
 }  // namespace velmora

@@ -73,20 +73,7 @@ void WarpYuvDirect(const WarpKernels& k, const double* H, const uint8_t* src, ui
     k.bilinear_row(H, luma, dst + static_cast<size_t>(y) * width, width, y, 0, 0);
     // Chroma for the even rows and columns whose block holds a whole pair of the destination.
     if (y % 2 != 0 || y / 2 >= height / 2) continue;
-    for (int x = 0; x + 1 < width; x += 2) {
-      double sx, sy;
-      // A block whose top-left luma is out of view keeps the chroma the destination held.
-      if (!BilinearPosition(H, luma, x, y, &sx, &sy)) continue;
-      // H at the same scale on the chroma grid, without the half-resolution correction: a
-      // translation moves the chroma by the full luma offset in chroma pixels. Kept.
-      uint8_t* pair = dst_uv + static_cast<size_t>(y / 2) * width + x;
-      if (BilinearPosition(H, chroma, x / 2, y / 2, &sx, &sy)) {
-        pair[0] = BilinearSample(chroma, sx, sy, 0);
-        pair[1] = BilinearSample(chroma, sx, sy, 1);
-      } else {
-        pair[0] = pair[1] = 128;
-      }
-    }
+    k.direct_chroma_row(H, luma, chroma, dst_uv + static_cast<size_t>(y / 2) * width, width, y, 0);
   }
   std::free(buffer);
 }
