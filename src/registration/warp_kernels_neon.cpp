@@ -43,14 +43,15 @@ Positions HalfScale(const double* H, int x, int y) {
   return p;
 }
 
-// H(x, y) plus the source's offsets.
-Positions FullScale(const double* H, const BilinearSource& src, int x, int y) {
+// H(x, y) plus the source's offsets, for columns x + x_step * i, i = 0 .. 7.
+Positions FullScale(const double* H, const BilinearSource& src, int x, int y, int x_step = 1) {
   const double yd = static_cast<double>(y);
   const float64x2_t h1y = vdupq_n_f64(H[1] * yd), h4y = vdupq_n_f64(H[4] * yd);
   const float64x2_t h7y = vdupq_n_f64(H[7] * yd);
   Positions p;
   for (int g = 0; g < kGroups; ++g) {
-    const float64x2_t xs = Columns(x, g);
+    const float64x2_t xs = {static_cast<double>(x + 2 * g * x_step),
+                            static_cast<double>(x + (2 * g + 1) * x_step)};
     const float64x2_t w = vaddq_f64(vdupq_n_f64(H[8]), vaddq_f64(vmulq_n_f64(xs, H[6]), h7y));
     const float64x2_t nx = vaddq_f64(vdupq_n_f64(H[2]), vaddq_f64(vmulq_n_f64(xs, H[0]), h1y));
     const float64x2_t ny = vaddq_f64(vdupq_n_f64(H[5]), vaddq_f64(vmulq_n_f64(xs, H[3]), h4y));
@@ -290,8 +291,67 @@ void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uin
   scalar::SplitRows(H, src_y, src_uv, dst_y, dst_uv, width, height, y, x);
 }
 
-const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows,
-                        scalar::DirectChromaRow};
+void DirectChromaRow(const double* H, const BilinearSource& luma, const BilinearSource& chroma,
+                     uint8_t* dst_pairs, int width, int y, int x_begin) {
+  const float64x2_t one = vdupq_n_f64(1.0);
+  int x = x_begin;
+  // Eight blocks a step: luma columns x, x + 2, .. x + 14, chroma columns x / 2 .. x / 2 + 7.
+  for (; x + 2 * kStep <= width; x += 2 * kStep) {
+    const Positions at = FullScale(H, luma, x, y, 2);
+    uint64_t luma_in[2 * kGroups];
+    for (int g = 0; g < kGroups; ++g) {
+      vst1q_u64(luma_in + 2 * g, vandq_u64(InRange(at.x[g], luma.max_x),
+                                           InRange(at.y[g], luma.max_y)));
+    }
+    bool any = false;
+    for (uint64_t in : luma_in) any = any || in != 0;
+    // No block with its luma in view: nothing is written.
+    if (!any) continue;
+    const Cells c = Split(FullScale(H, chroma, x / 2, y / 2), chroma.max_x, chroma.max_y);
+    uint32_t pair[2][2 * kGroups];  // [byte][block]
+    for (int h = 0; h < 2; ++h) {
+      const int32x4_t x1 =
+          vminq_s32(vaddq_s32(c.x0[h], vdupq_n_s32(1)), vdupq_n_s32(chroma.last_col));
+      const int32x4_t y1 =
+          vminq_s32(vaddq_s32(c.y0[h], vdupq_n_s32(1)), vdupq_n_s32(chroma.last_row));
+      const int32x4_t step = vdupq_n_s32(chroma.step), stride = vdupq_n_s32(chroma.stride);
+      const int32x4_t left = vmulq_s32(c.x0[h], step);
+      const int32x4_t dx = vmulq_s32(vsubq_s32(x1, c.x0[h]), step);
+      for (int b = 0; b < 2; ++b) {
+        uint32x4_t tl, tr, bl, br;
+        LoadPairs(chroma.plane + b, vaddq_s32(vmulq_s32(c.y0[h], stride), left), dx, &tl, &tr);
+        LoadPairs(chroma.plane + b, vaddq_s32(vmulq_s32(y1, stride), left), dx, &bl, &br);
+        int64x2_t rounded[2];
+        for (int k = 0; k < 2; ++k) {
+          const auto lanes = [k](uint32x4_t v) {
+            return vcvtq_f64_u64(vmovl_u32(k == 0 ? vget_low_u32(v) : vget_high_u32(v)));
+          };
+          const float64x2_t fx = c.fx[2 * h + k], fy = c.fy[2 * h + k];
+          const float64x2_t gx = vsubq_f64(one, fx), gy = vsubq_f64(one, fy);
+          // fy (1 - fx) bl + (1 - fx)(1 - fy) tl, then + fx (1 - fy) tr, then + fx fy br.
+          float64x2_t v = vaddq_f64(vmulq_f64(vmulq_f64(fy, gx), lanes(bl)),
+                                    vmulq_f64(vmulq_f64(gx, gy), lanes(tl)));
+          v = vaddq_f64(v, vmulq_f64(vmulq_f64(fx, gy), lanes(tr)));
+          v = vaddq_f64(v, vmulq_f64(vmulq_f64(fx, fy), lanes(br)));
+          rounded[k] = vcvtq_s64_f64(vrndaq_f64(v));
+        }
+        // Out of the chroma view: 128.
+        vst1q_u32(pair[b] + 4 * h,
+                  vbslq_u32(c.mask[h], vreinterpretq_u32_s32(JoinInt(rounded[0], rounded[1])),
+                            vdupq_n_u32(128)));
+      }
+    }
+    // Blocks out of the luma view keep the destination's bytes.
+    for (int i = 0; i < 2 * kGroups; ++i) {
+      if (luma_in[i] == 0) continue;
+      dst_pairs[x + 2 * i] = static_cast<uint8_t>(pair[0][i]);
+      dst_pairs[x + 2 * i + 1] = static_cast<uint8_t>(pair[1][i]);
+    }
+  }
+  scalar::DirectChromaRow(H, luma, chroma, dst_pairs, width, y, x);
+}
+
+const WarpKernels kWarp{FixedPointRow, NearestRow, BilinearRow, SplitRows, DirectChromaRow};
 
 }  // namespace neon
 }  // namespace velmora
