@@ -1,18 +1,42 @@
-// The running-mean kernels: golden values of the scalar definitions, and the vector variants
-// against them through the conformance harness.
+// The choice of kernel variant every family relies on, and the running-mean kernels: golden values
+// of the scalar definitions, the vector variants against them through the conformance harness.
+#include "pipeline/mean_kernels.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
+#include <cstdint>
 #include <random>
 #include <vector>
 
+#include "common/dispatch.h"
 #include "kernel_conformance.h"
-#include "pipeline/mean_kernels.h"
 #include "test_util.h"
 
 namespace velmora {
 namespace {
+
+// An override not restored (or not nested), or a variant picked where it is not built or not run.
+TEST(Dispatch, ScopedIsaNestsAndRestoresAndPickTakesOnlyVariantsBuiltAndRunnable) {
+  const Isa before = ActiveIsa();
+  {
+    const ScopedIsa outer(Isa::kScalar);
+    for (Isa isa : AvailableIsas()) {
+      const ScopedIsa inner(isa);
+      EXPECT_EQ(ActiveIsa(), isa);
+    }
+    EXPECT_EQ(ActiveIsa(), Isa::kScalar);
+  }
+  EXPECT_EQ(ActiveIsa(), before);
+  const int variant[] = {0, 1, 2};  // scalar, avx2, neon
+  const IsaTable<int> full{&variant[0], &variant[1], &variant[2]},
+      plain{&variant[0], nullptr, nullptr};
+  for (Isa isa : {Isa::kScalar, Isa::kAvx2, Isa::kNeon}) {
+    EXPECT_EQ(Pick(full, isa), IsaAvailable(isa) ? variant[static_cast<int>(isa)] : 0)
+        << IsaName(isa);
+    EXPECT_EQ(Pick(plain, isa), 0) << IsaName(isa);
+  }
+}
 
 TEST(MeanDefinitions, FoldWithTwoDivisionsAndOneAdditionAndTruncateToTheLowByte) {
   const struct {
@@ -26,7 +50,8 @@ TEST(MeanDefinitions, FoldWithTwoDivisionsAndOneAdditionAndTruncateToTheLowByte)
       {37.25, 100, 0, 100.0},   // the first frame of a run replaces the mean
       {0.0, 255, 2, 85.0},      // frames 0, 0, 255
       {200.0, 200, 41, 200.0},  // a constant scene stays put
-      // A single division of (mean * n + sample), or a reciprocal, gives 93.2 and 94.63333333333333.
+      // A single division of (mean * n + sample), or a reciprocal, gives 93.2
+      // and 94.63333333333333.
       {68.0, 194, 4, 0x1.74cccccccccccp+6},
       {87.45, 109, 2, 0x1.7a88888888889p+6},
   };
@@ -35,8 +60,8 @@ TEST(MeanDefinitions, FoldWithTwoDivisionsAndOneAdditionAndTruncateToTheLowByte)
     scalar::AccumulateMean(&mean, &c.sample, 1, c.n);
     EXPECT_EQ(mean, c.expected) << "mean " << c.mean << " sample " << int{c.sample} << " n " << c.n;
   }
-  const double means[] = {127.9, 127.5, 0.999, 255.0, 254.99999, -0.7, -0.0,
-                          256.0, 300.7, -1.0,  -255.5, 65791.2};
+  const double means[] = {127.9, 127.5, 0.999, 255.0, 254.99999, -0.7,
+                          -0.0,  256.0, 300.7, -1.0,  -255.5,    65791.2};
   const uint8_t bytes[] = {127, 127, 0, 255, 254, 0, 0, 0, 44, 255, 1, 255};
   for (size_t i = 0; i < std::size(means); ++i) {
     uint8_t out = 0xAA;
@@ -63,9 +88,7 @@ struct MeanFamily {
     const size_t count = static_cast<size_t>(width) * height;
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> in_range(0.0, 255.0), wide(-2147483647.0, 2147483647.0);
-    using Limits = std::numeric_limits<double>;
-    const double specials[] = {-0.0, Limits::infinity(), Limits::quiet_NaN(),
-                               Limits::denorm_min(), 1e308, -3.5};
+    const double specials[] = {-0.0, INFINITY, NAN, 4.9e-324, 1e308, -3.5};
     Case c{std::vector<double>(count), testutil::RandomBytes(count, seed),
            std::vector<double>(count)};
     for (size_t i = 0; i < count; ++i) {
@@ -81,8 +104,7 @@ struct MeanFamily {
   static std::vector<uint8_t> Run(const Kernels& k, const Case& c) {
     const int64_t count = static_cast<int64_t>(c.sample.size());
     std::vector<uint8_t> out;
-    for (int32_t n : {0, 1, 2, 6, 7, 254, 100000, std::numeric_limits<int32_t>::max(), -1, -2,
-                      std::numeric_limits<int32_t>::min()}) {
+    for (int32_t n : {0, 1, 2, 6, 7, 254, 100000, INT32_MAX, -1, -2, INT32_MIN}) {
       std::vector<double> mean = c.fold_means;
       k.accumulate(mean.data(), c.sample.data(), count, n);
       AppendBytes(out, mean);
