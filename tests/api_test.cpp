@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -13,7 +14,6 @@
 namespace {
 
 using testutil::Frame;
-using testutil::MakeImage;
 
 // Loaded once and never unloaded, as in an app: the library's pool lives until the process ends,
 // and leak reports can still name the library's frames.
@@ -24,50 +24,7 @@ int GetApi(flowing_water_api* api) {
   return get != nullptr ? get(api) : -1;
 }
 
-// Log lines captured from standard output, line numbers masked.
-std::vector<std::string> Lines(const std::string& out) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  for (size_t end; (end = out.find('\n', start)) != std::string::npos; start = end + 1)
-    lines.push_back(testutil::MaskLineNumber(out.substr(start, end - start)));
-  return lines;
-}
-
-class ApiTest : public testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(GetApi(&api_), 0) << "cannot load " VELMORA_SO_PATH;
-    testutil::TakeLogRecords();
-  }
-  void TearDown() override {
-    if (handle_ != nullptr) {
-      api_.stop_process(handle_);
-      api_.release_handle(handle_);
-    }
-  }
-  int Result(Frame* out, rect* roi, image* header = nullptr) {
-    image img = MakeImage(*out);
-    std::memset(&img, 0, offsetof(image, planes));
-    const int status = api_.get_process_image_result(handle_, &img, roi);
-    if (header != nullptr) *header = img;
-    return status;
-  }
-  // The table gives no way to wait for the worker, so an app polls the picture. Each frame here
-  // is random, so the picture equals the reference only once that frame has been folded in.
-  bool WaitForPicture(const Frame& expected) {
-    Frame out = testutil::FlatFrame(expected.width, expected.height, 0);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    for (rect roi{}; std::chrono::steady_clock::now() < deadline;) {
-      if (Result(&out, &roi) == 0 && out.y == expected.y && out.uv == expected.uv) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-  }
-  flowing_water_api api_{};
-  void* handle_ = nullptr;
-};
-
-// Catches a slot filled out of place or a gap written over, and a version moved or respelt.
+// A slot filled out of place or a gap written over; the version moved or respelt.
 TEST(Table, FillsTheNineOperationSlotsAndLeavesTheOthers) {
   ASSERT_EQ(GetApi(nullptr), 0) << "cannot load " VELMORA_SO_PATH;
   void* slots[FLOWING_WATER_SLOT_COUNT];
@@ -86,67 +43,56 @@ TEST(Table, FillsTheNineOperationSlotsAndLeavesTheOthers) {
 
 // Every code with its one line, the stop's steps in their fixed order (a second stop finds the
 // pool stopped), each line's level; a null handle is no error and logs nothing.
-TEST_F(ApiTest, LogsEveryStepAndReportsBadInputWithItsCode) {
-  void* handle = api_.init_handle();
+TEST(Api, LogsEveryStepAndReportsBadInputWithItsCode) {
+  flowing_water_api api{};
+  ASSERT_EQ(GetApi(&api), 0);
+  void* handle = api.init_handle();
   Frame frame = testutil::RandomFrame(4, 4, 1);
-  image img = MakeImage(frame);
+  image img = testutil::MakeImage(frame);
   rect roi{};
+  testutil::TakeLogRecords();
   testing::internal::CaptureStdout();
-  EXPECT_EQ(api_.set_base_parameters(nullptr, nullptr) + api_.start_process(nullptr) +
-                api_.process_image(nullptr, &img, &roi) +
-                api_.get_process_image_result(nullptr, &img, &roi) + api_.stop_process(nullptr) +
-                api_.release_handle(nullptr),
-            0);
-  api_.set_log_status(0);
+  for (int status : {api.set_base_parameters(nullptr, nullptr), api.start_process(nullptr),
+                     api.process_image(nullptr, &img, &roi), api.stop_process(nullptr),
+                     api.get_process_image_result(nullptr, &img, &roi), api.release_handle(nullptr)})
+    EXPECT_EQ(status, 0);
+  api.set_log_status(0);
   EXPECT_EQ(img.plane_num, 2u);
-  EXPECT_EQ(api_.process_image(handle, &img, &roi), 0);  // not started
-  EXPECT_EQ(api_.set_base_parameters(handle, nullptr), 0);
-  ASSERT_EQ(api_.start_process(handle), 0);
-  EXPECT_EQ(api_.process_image(handle, nullptr, &roi), 8192);
+  EXPECT_EQ(api.process_image(handle, &img, &roi), 0);  // not started
+  EXPECT_EQ(api.set_base_parameters(handle, nullptr), 0);
+  ASSERT_EQ(api.start_process(handle), 0);
+  EXPECT_EQ(api.process_image(handle, nullptr, &roi), 8192);
   img.plane_num = 3;
   img.format = 6;
-  EXPECT_EQ(api_.process_image(handle, &img, &roi), 261);
-  EXPECT_EQ(api_.get_process_image_result(handle, nullptr, &roi), 8192);
+  EXPECT_EQ(api.process_image(handle, &img, &roi), 261);
+  EXPECT_EQ(api.get_process_image_result(handle, nullptr, &roi), 8192);
   img.planes[1].data = nullptr;
-  EXPECT_EQ(api_.get_process_image_result(handle, &img, &roi), 65535);
-  EXPECT_EQ(api_.stop_process(handle), 0);
-  EXPECT_EQ(api_.stop_process(handle), 0);
-  EXPECT_EQ(api_.release_handle(handle), 0);
-  const auto lines = Lines(testing::internal::GetCapturedStdout());
+  EXPECT_EQ(api.get_process_image_result(handle, &img, &roi), 65535);
+  EXPECT_EQ(api.stop_process(handle), 0);
+  EXPECT_EQ(api.stop_process(handle), 0);
+  EXPECT_EQ(api.release_handle(handle), 0);
+  std::vector<std::string> lines;
+  std::istringstream out(testutil::MaskLineNumber(testing::internal::GetCapturedStdout()));
+  for (std::string line; std::getline(out, line);) lines.push_back(line);
 
-  const std::string error = "Algorithm [ERROR][ flow_water_algo.cpp ] N  ";
-  const std::string info = "Algorithm [INFO][ flow_water_algo.cpp ] N  ";
-  const std::string pool = "Algorithm [INFO][ threadPool.cpp ] N  ";
-  const std::string stop = info + "stop_process() ", shutdown = pool + "shutdown() threadpoll ==> ";
-  EXPECT_EQ(
-      lines,
-      (std::vector<std::string>{
-          error + "process_image() process is stop or not start",
-          info + "start_process() start_process",
-          error + "process_image() the pointer to input image is NULL",
-          error +
-              "process_image() the format of add image is invalid, plane num: 3, image format: 6",
-          error + "get_process_image_result() the input image pointer of function "
-                  "get_process_image_result is NULL",
-          error + "get_process_image_result() the memory of output image is not calloced",
-          stop + "stop_process in",
-          pool + "forceEnd() threadpoll ==> forceend ok",
-          stop + "stop_process forceEnd end",
-          stop + "stop_process waitforalljobdone end",
-          shutdown + "shutdown begin",
-          shutdown + "shutdown 111",
-          shutdown + "shutdown 222",
-          shutdown + "shutdown 333",
-          shutdown + "shutdown ok",
-          stop + "stop_process",
-          stop + "stop_process in",
-          pool + "forceEnd() threadpoll ==> forceend ok",
-          stop + "stop_process forceEnd end",
-          stop + "stop_process waitforalljobdone end",
-          shutdown + "shutdown begin",
-          shutdown + "shutdown ok",
-          stop + "stop_process",
-          info + "release_handle() release_handle in"}));
+  const std::string error = "Algorithm [ERROR][ flow_water_algo.cpp ] N  ",
+                    info = "Algorithm [INFO][ flow_water_algo.cpp ] N  ",
+                    stop = info + "stop_process() stop_process",
+                    end = "Algorithm [INFO][ threadPool.cpp ] N  forceEnd() threadpoll ==> ",
+                    down = "Algorithm [INFO][ threadPool.cpp ] N  shutdown() threadpoll ==> ";
+  EXPECT_EQ(lines, (std::vector<std::string>{
+      error + "process_image() process is stop or not start", info + "start_process() start_process",
+      error + "process_image() the pointer to input image is NULL",
+      error + "process_image() the format of add image is invalid, plane num: 3, image format: 6",
+      error + "get_process_image_result() the input image pointer of function "
+              "get_process_image_result is NULL",
+      error + "get_process_image_result() the memory of output image is not calloced",
+      stop + " in", end + "forceend ok", stop + " forceEnd end", stop + " waitforalljobdone end",
+      down + "shutdown begin", down + "shutdown 111", down + "shutdown 222", down + "shutdown 333",
+      down + "shutdown ok", stop,
+      stop + " in", end + "forceend ok", stop + " forceEnd end", stop + " waitforalljobdone end",
+      down + "shutdown begin", down + "shutdown ok", stop,
+      info + "release_handle() release_handle in"}));
   std::vector<int> priorities, expected;
   for (const auto& record : testutil::TakeLogRecords()) priorities.push_back(record.priority);
   for (const auto& line : lines) expected.push_back(line.find("[ERROR]") != line.npos ? 6 : 4);
@@ -154,30 +100,41 @@ TEST_F(ApiTest, LogsEveryStepAndReportsBadInputWithItsCode) {
 }
 
 // The picture is the sharpened mean of every frame of the run; the rect and header come from the
-// run's first frame, the planes from the caller's record.
-TEST_F(ApiTest, ResultIsTheSharpenedMeanWithTheFirstFramesRectAndHeader) {
+// run's first frame, the planes from the caller's record; it stays readable after the stop.
+TEST(Api, ResultIsTheSharpenedMeanWithTheFirstFramesRectAndHeader) {
   const int w = 38, h = 22;
-  handle_ = api_.init_handle();
-  ASSERT_EQ(api_.start_process(handle_), 0);
-  testutil::ReferenceMean reference;
-  for (uint32_t seed = 1; seed <= 12; ++seed) {
-    Frame frame = testutil::RandomFrame(w, h, seed);
-    image img = MakeImage(frame, seed % 2 ? 4 : 5);
-    img.attr0 = seed == 1 ? 0x1111 : 0x2222;
-    img.planes[0].attr0 = seed == 1 ? 1 : 77;
-    rect roi = seed == 1 ? rect{-1, 2, 300, 400} : rect{9, 9, 9, 9};
-    ASSERT_EQ(api_.process_image(handle_, &img, &roi), 0);
-    reference.Fold(frame);
-    // The run's first frame must be folded in before the second is handed in.
-    if (seed <= 2 || seed == 12) {
-      ASSERT_TRUE(WaitForPicture(reference.Result(w, h))) << "after frame " << seed;
-    }
-  }
-  ASSERT_EQ(api_.stop_process(handle_), 0);
+  flowing_water_api api{};
+  ASSERT_EQ(GetApi(&api), 0);
+  void* handle = api.init_handle();
   Frame out = testutil::FlatFrame(w, h, 0);
   rect back{};
   image header{};
-  ASSERT_EQ(Result(&out, &back, &header), 0);  // still readable after stop
+  const auto take = [&] {
+    header = testutil::MakeImage(out);
+    std::memset(&header, 0, offsetof(image, planes));
+    return api.get_process_image_result(handle, &header, &back);
+  };
+  ASSERT_EQ(api.start_process(handle), 0);
+  testutil::ReferenceMean reference;
+  for (uint32_t seed = 1; seed <= 12; ++seed) {
+    Frame frame = testutil::RandomFrame(w, h, seed);
+    image img = testutil::MakeImage(frame, seed % 2 ? 4 : 5);
+    img.attr0 = seed == 1 ? 0x1111 : 0x2222;
+    img.planes[0].attr0 = seed == 1 ? 1 : 77;
+    rect roi = seed == 1 ? rect{-1, 2, 300, 400} : rect{9, 9, 9, 9};
+    ASSERT_EQ(api.process_image(handle, &img, &roi), 0);
+    reference.Fold(frame);
+    // The table gives no way to wait for the worker, so an app polls the picture; each frame is
+    // random, so it shows once folded in. The first must be folded before the second comes.
+    const Frame expected = reference.Result(w, h);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while ((seed <= 2 || seed == 12) && (out.y != expected.y || out.uv != expected.uv)) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "frame " << seed << " never shows";
+      ASSERT_EQ(take(), 0);
+    }
+  }
+  ASSERT_EQ(api.stop_process(handle), 0);
+  ASSERT_EQ(take(), 0);
   const Frame expected = reference.Result(w, h);
   EXPECT_EQ(out.y, expected.y);
   EXPECT_EQ(out.uv, expected.uv);
@@ -185,9 +142,9 @@ TEST_F(ApiTest, ResultIsTheSharpenedMeanWithTheFirstFramesRectAndHeader) {
             std::make_tuple(-1, 2, 300, 400));
   EXPECT_EQ(std::make_tuple(header.attr0, header.attr3, header.plane_num, header.format),
             std::make_tuple(0x1111u, 0xA3u, 2u, 4u));
-  EXPECT_EQ(header.planes[0].attr0, 1u);
-  EXPECT_EQ(header.planes[1].height, 11u);
+  EXPECT_EQ(std::make_tuple(header.planes[0].attr0, header.planes[1].height), std::make_tuple(1u, 11u));
   EXPECT_EQ(header.planes[1].data, out.uv.data()) << "the caller's buffers stay in the record";
+  EXPECT_EQ(api.release_handle(handle), 0);
 }
 
 }  // namespace
