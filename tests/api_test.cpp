@@ -32,10 +32,8 @@ TEST(Table, FillsTheNineOperationSlotsAndLeavesTheOthers) {
   for (void*& slot : slots) slot = marker;
   ASSERT_EQ(GetApi(reinterpret_cast<flowing_water_api*>(slots)), 0);
   for (int untouched : {1, 6, 7, 10, 12, 13}) EXPECT_EQ(slots[untouched], marker) << untouched;
-  for (int filled : {0, 2, 3, 4, 5, 8, 9, 11, 14}) {
-    EXPECT_NE(slots[filled], marker) << filled;
-    EXPECT_NE(slots[filled], nullptr) << filled;
-  }
+  // Filled: the other tests call through every one of them.
+  for (int filled : {0, 2, 3, 4, 5, 8, 9, 11, 14}) EXPECT_NE(slots[filled], marker) << filled;
   const auto& api = *reinterpret_cast<flowing_water_api*>(slots);
   EXPECT_STREQ(api.get_version(), "Velmora_Verion_0.1.0");
   EXPECT_EQ(api.get_version(), api.get_version());
@@ -54,7 +52,8 @@ TEST(Api, LogsEveryStepAndReportsBadInputWithItsCode) {
   testing::internal::CaptureStdout();
   for (int status : {api.set_base_parameters(nullptr, nullptr), api.start_process(nullptr),
                      api.process_image(nullptr, &img, &roi), api.stop_process(nullptr),
-                     api.get_process_image_result(nullptr, &img, &roi), api.release_handle(nullptr)})
+                     api.get_process_image_result(nullptr, &img, &roi),
+                     api.release_handle(nullptr)})
     EXPECT_EQ(status, 0);
   api.set_log_status(0);
   EXPECT_EQ(img.plane_num, 2u);
@@ -81,7 +80,8 @@ TEST(Api, LogsEveryStepAndReportsBadInputWithItsCode) {
                     end = "Algorithm [INFO][ threadPool.cpp ] N  forceEnd() threadpoll ==> ",
                     down = "Algorithm [INFO][ threadPool.cpp ] N  shutdown() threadpoll ==> ";
   EXPECT_EQ(lines, (std::vector<std::string>{
-      error + "process_image() process is stop or not start", info + "start_process() start_process",
+      error + "process_image() process is stop or not start",
+      info + "start_process() start_process",
       error + "process_image() the pointer to input image is NULL",
       error + "process_image() the format of add image is invalid, plane num: 3, image format: 6",
       error + "get_process_image_result() the input image pointer of function "
@@ -142,7 +142,8 @@ TEST(Api, ResultIsTheSharpenedMeanWithTheFirstFramesRectAndHeader) {
             std::make_tuple(-1, 2, 300, 400));
   EXPECT_EQ(std::make_tuple(header.attr0, header.attr3, header.plane_num, header.format),
             std::make_tuple(0x1111u, 0xA3u, 2u, 4u));
-  EXPECT_EQ(std::make_tuple(header.planes[0].attr0, header.planes[1].height), std::make_tuple(1u, 11u));
+  EXPECT_EQ(std::make_tuple(header.planes[0].attr0, header.planes[1].height),
+            std::make_tuple(1u, 11u));
   EXPECT_EQ(header.planes[1].data, out.uv.data()) << "the caller's buffers stay in the record";
   EXPECT_EQ(api.release_handle(handle), 0);
 }
