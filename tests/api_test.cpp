@@ -40,7 +40,8 @@ TEST(Table, FillsTheNineOperationSlotsAndLeavesTheOthers) {
 }
 
 // Every code with its one line, the stop's steps in their fixed order (a second stop finds the
-// pool stopped), each line's level; a null handle is no error and logs nothing.
+// pool stopped), each line's level; a null handle is no error and logs nothing; an empty or
+// refused result writes nothing.
 TEST(Api, LogsEveryStepAndReportsBadInputWithItsCode) {
   flowing_water_api api{};
   ASSERT_EQ(GetApi(&api), 0);
@@ -57,6 +58,8 @@ TEST(Api, LogsEveryStepAndReportsBadInputWithItsCode) {
     EXPECT_EQ(status, 0);
   api.set_log_status(0);
   EXPECT_EQ(img.plane_num, 2u);
+  EXPECT_EQ(api.get_process_image_result(handle, &img, &roi), 0);  // nothing folded: empty
+  EXPECT_EQ(std::make_tuple(img.plane_num, img.planes[0].width), std::make_tuple(0u, 0u));
   EXPECT_EQ(api.process_image(handle, &img, &roi), 0);  // not started
   EXPECT_EQ(api.set_base_parameters(handle, nullptr), 0);
   ASSERT_EQ(api.start_process(handle), 0);
@@ -67,6 +70,7 @@ TEST(Api, LogsEveryStepAndReportsBadInputWithItsCode) {
   EXPECT_EQ(api.get_process_image_result(handle, nullptr, &roi), 8192);
   img.planes[1].data = nullptr;
   EXPECT_EQ(api.get_process_image_result(handle, &img, &roi), 65535);
+  EXPECT_EQ(frame.y, testutil::RandomFrame(4, 4, 1).y) << "no picture was written";
   EXPECT_EQ(api.stop_process(handle), 0);
   EXPECT_EQ(api.stop_process(handle), 0);
   EXPECT_EQ(api.release_handle(handle), 0);

@@ -102,18 +102,4 @@ TEST_F(HandleTest, ASecondFrameBeforeTheFirstIsFoldedSkipsInitialisation) {
   EXPECT_EQ(std::vector<double>(luma, luma + 16), std::vector<double>(16, 95.0));
 }
 
-// A null output plane writes nothing; before any frame zero sizes come back and nothing is written.
-TEST_F(HandleTest, ResultChecksItsOutputRecord) {
-  rect roi{};
-  std::vector<uint8_t> y(4, 1), uv(4, 2);
-  image out{};
-  out.planes[0].data = y.data();
-  EXPECT_EQ(handle_.get_process_image_result(&out, &roi), 65535);
-  out.planes[1].data = uv.data();
-  out.plane_num = 9;
-  EXPECT_EQ(handle_.get_process_image_result(&out, &roi), 0);
-  EXPECT_EQ(std::make_tuple(out.plane_num, out.planes[0].width, y, uv),
-            std::make_tuple(0u, 0u, std::vector<uint8_t>(4, 1), std::vector<uint8_t>(4, 2)));
-}
-
 }  // namespace
