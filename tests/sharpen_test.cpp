@@ -124,9 +124,10 @@ struct SharpenFamily {
            seed % 2 ? testutil::TexturedImage(width, height, seed) : Edgy(rng, plane),
            Edgy(rng, static_cast<size_t>(width) * (height / 2))};
     const bool every = height == 5 && width <= 33;
-    for (size_t k = 0, pick = rng() % 143; k < 143; ++k) {
+    const size_t amounts = std::size(kAmounts), pairs = std::size(kThresholds) * amounts;
+    for (size_t k = 0, pick = rng() % pairs; k < pairs; ++k) {
       if (every ? k % 3 == seed % 3 : k == pick)
-        c.settings.push_back({kThresholds[k / 13], kAmounts[k % 13]});
+        c.settings.push_back({kThresholds[k / amounts], kAmounts[k % amounts]});
     }
     return c;
   }
