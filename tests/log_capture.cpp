@@ -1,36 +1,32 @@
-// The capture of what the library hands to the Android log (see test_util.h). In a file of its
-// own so that programs linking the test utilities without wanting the capture (the benchmarks)
-// keep the library's own sink: the linker only brings this in for TakeLogRecords or
-// WaitForLogText.
+// The capture of what the library hands to the Android log (see test_util.h), in a file of its own
+// so that programs linking the test utilities without wanting it (the benchmarks) keep the
+// library's own sink: the linker brings this in only for TakeLogRecords or WaitForLogText.
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 #include "test_util.h"
 
 namespace testutil {
 namespace {
-
 std::mutex g_log_mutex;
 std::condition_variable g_log_changed;
 std::vector<LogRecord> g_log_records;
-
 }  // namespace
 
 std::vector<LogRecord> TakeLogRecords() {
   std::lock_guard<std::mutex> lock(g_log_mutex);
-  std::vector<LogRecord> taken;
-  taken.swap(g_log_records);
-  return taken;
+  return std::exchange(g_log_records, {});
 }
 
 bool WaitForLogText(const std::string& needle) {
   std::unique_lock<std::mutex> lock(g_log_mutex);
   return g_log_changed.wait_for(lock, std::chrono::seconds(10), [&] {
-    for (const LogRecord& r : g_log_records)
-      if (r.text.find(needle) != std::string::npos) return true;
-    return false;
+    return std::any_of(g_log_records.begin(), g_log_records.end(),
+                       [&](const LogRecord& r) { return r.text.find(needle) != r.text.npos; });
   });
 }
 
