@@ -18,6 +18,7 @@ extern "C" {
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,14 +31,12 @@ using testutil::ReadFile;
 using testutil::TempDir;
 using testutil::WriteFile;
 
-// A command line written as one string (no argument holds a space).
-inline std::vector<std::string> Words(const std::string& text) {
+// A command line written as one string (no argument holds the separator).
+inline std::vector<std::string> Words(const std::string& text, char separator = ' ') {
+  std::istringstream in(text);
   std::vector<std::string> words;
-  for (size_t at = 0; (at = text.find_first_not_of(' ', at)) != std::string::npos;) {
-    const size_t end = std::min(text.find(' ', at), text.size());
-    words.push_back(text.substr(at, end - at));
-    at = end;
-  }
+  for (std::string word; std::getline(in, word, separator);)
+    if (!word.empty()) words.push_back(word);
   return words;
 }
 
@@ -53,12 +52,7 @@ inline std::vector<std::string> ToolCommand(const std::vector<std::string>& args
   (void)quiet;
   std::vector<std::string> command;
 #ifdef VELMORA_TOOL_LAUNCHER
-  const std::string launcher = VELMORA_TOOL_LAUNCHER;  // the emulator's words, '|' apart
-  for (size_t start = 0; start <= launcher.size();) {
-    const size_t bar = std::min(launcher.find('|', start), launcher.size());
-    command.push_back(launcher.substr(start, bar - start));
-    start = bar + 1;
-  }
+  command = Words(VELMORA_TOOL_LAUNCHER, '|');  // the emulator's words
 #endif
   command.push_back(VELMORA_TOOL_PATH);
   command.insert(command.end(), args.begin(), args.end());
@@ -81,15 +75,6 @@ inline int ExitCode(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-inline std::string ReadAll(std::FILE* file) {
-  std::rewind(file);
-  std::string text;
-  char buffer[4096];
-  for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;) text.append(buffer, n);
-  std::fclose(file);
-  return text;
-}
-
 struct RunResult {
   int exit_code;
   std::string out, err;
@@ -110,8 +95,29 @@ inline RunResult RunTool(const std::string& args, const std::string& cwd,
   }
   if (meanwhile) meanwhile(pid);
   const int code = ExitCode(pid);
-  return {code, ReadAll(out), ReadAll(err)};
+  auto read_all = [](std::FILE* file) {
+    std::fseek(file, 0, SEEK_END);  // where the tool's writes ended
+    std::string text(size_t(std::ftell(file)), '\0');
+    std::rewind(file);
+    text.resize(std::fread(text.data(), 1, text.size(), file));
+    std::fclose(file);
+    return text;
+  };
+  return {code, read_all(out), read_all(err)};
 }
+
+// One command line and what it must give. With error set: exit 2 and one line "velmora: error:
+// ..." naming it, nothing on standard output. Else: exit 0, nothing on standard error and on
+// standard output only shows, and the output named last on the line (numbered outputs one after
+// another; a PNG as its RGB) within tolerance of want. Either way no file is left made or
+// changed: outputs are checked and removed.
+struct ToolRun {
+  std::string args;
+  std::vector<uint8_t> want = {};
+  std::string error = {};
+  int tolerance = 0;
+  std::string shows = {};
+};
 
 inline size_t FrameBytes(int width, int height) { return size_t(width) * height * 3 / 2; }
 
@@ -158,6 +164,41 @@ inline void WritePicture(const std::string& path, int width, int height,
   for (uint16_t& v : wide) v = uint16_t(v * 257);
   const void* pixels = deep ? static_cast<const void*>(wide.data()) : rgb.data();
   ASSERT_NE(png_image_write_to_file(&png, path.c_str(), 0, pixels, 0, nullptr), 0);
+}
+
+inline void ExpectRun(const TempDir& dir, const ToolRun& run) {
+  SCOPED_TRACE("velmora " + run.args);
+  const std::vector<std::string> before = dir.List();
+  const RunResult result = RunTool(run.args, dir.path());
+  if (!run.error.empty()) {
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_EQ(result.err.rfind("velmora: error: ", 0), 0u) << result.err;
+    EXPECT_NE(result.err.find(run.error), std::string::npos) << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(dir.List(), before);
+    return;
+  }
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(result.err, "");  // no progress line when standard error is not a terminal
+  EXPECT_TRUE(run.shows.empty() ? result.out.empty()
+                                : result.out.find(run.shows) != std::string::npos)
+      << result.out;
+  const std::string pattern = run.args.empty() ? "" : Words(run.args).back();
+  std::vector<uint8_t> got;
+  for (int n = 1; n == 1 || pattern.find('%') != std::string::npos; ++n) {
+    char name[256];
+    std::snprintf(name, sizeof name, pattern.c_str(), n);
+    if (!fs::exists(dir / name)) break;
+    Png png;
+    const std::vector<uint8_t> bytes = ReadPng(dir / name, &png) ? png.rgb : ReadFile(dir / name);
+    got.insert(got.end(), bytes.begin(), bytes.end());
+    fs::remove(dir / name);
+  }
+  ASSERT_EQ(got.size(), run.want.size());
+  for (size_t i = 0; i < got.size(); ++i)
+    ASSERT_LE(std::abs(int(got[i]) - int(run.want[i])), run.tolerance) << "byte " << i;
+  EXPECT_EQ(dir.List(), before);
 }
 
 // NV12 frames (the even part of a width x height picture) as a lossless FFV1 video in Matroska,
