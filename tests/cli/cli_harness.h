@@ -22,6 +22,7 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "convert.h"
 #include "test_util.h"
 
 namespace clitest {
@@ -121,25 +122,6 @@ struct ToolRun {
 
 inline size_t FrameBytes(int width, int height) { return size_t(width) * height * 3 / 2; }
 
-struct Png {
-  uint32_t width = 0, height = 0;
-  std::vector<uint8_t> rgb;
-};
-
-// Decodes with libpng's own reader; false if the file is not a valid PNG.
-inline bool ReadPng(const std::string& path, Png* png) {
-  png_image image{};
-  image.version = PNG_IMAGE_VERSION;
-  if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
-  image.format = PNG_FORMAT_RGB;
-  png->rgb.resize(PNG_IMAGE_SIZE(image));
-  png->width = image.width;
-  png->height = image.height;
-  const bool ok = png_image_finish_read(&image, nullptr, png->rgb.data(), 0, nullptr) != 0;
-  png_image_free(&image);
-  return ok;
-}
-
 // 8-bit RGB rows as PNG, or with deep as 16-bit (the same colours), or with jpeg as a 4:2:0
 // JPEG of quality 100.
 inline void WritePicture(const std::string& path, int width, int height,
@@ -190,8 +172,10 @@ inline void ExpectRun(const TempDir& dir, const ToolRun& run) {
     char name[256];
     std::snprintf(name, sizeof name, pattern.c_str(), n);
     if (!fs::exists(dir / name)) break;
-    Png png;
-    const std::vector<uint8_t> bytes = ReadPng(dir / name, &png) ? png.rgb : ReadFile(dir / name);
+    velmora::tool::RgbImage png;  // libpng's decoding
+    std::string why;
+    const std::vector<uint8_t> bytes =
+        velmora::tool::ReadPngFile(dir / name, &png, &why) ? png.rgb : ReadFile(dir / name);
     got.insert(got.end(), bytes.begin(), bytes.end());
     fs::remove(dir / name);
   }

@@ -144,14 +144,15 @@ TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
 TEST(VelmoraDemo, WritesA1280x720PngAndSaysWhere) {
   TempDir dir;
   const RunResult run = RunTool("demo", dir.path());
+  std::string error;
   ASSERT_EQ(run.exit_code, 0) << run.err;
   EXPECT_EQ(run.out.rfind("wrote ", 0), 0u) << run.out;
   EXPECT_EQ(run.out.find('\n'), run.out.size() - 1) << run.out;  // one line
   EXPECT_NE(run.out.find("/velmora-demo.png\n"), std::string::npos) << run.out;
   EXPECT_EQ(run.err, "");
   EXPECT_EQ(dir.List(), std::vector<std::string>{"velmora-demo.png"});
-  Png png;
-  ASSERT_TRUE(ReadPng(dir / "velmora-demo.png", &png));
+  velmora::tool::RgbImage png;
+  ASSERT_TRUE(velmora::tool::ReadPngFile(dir / "velmora-demo.png", &png, &error)) << error;
   EXPECT_EQ(std::make_pair(png.width, png.height), std::make_pair(1280u, 720u));
 }
 
