@@ -116,7 +116,7 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       // Colours worked by hand through RGB; JPEG's quantisation may move a flat one by one.
       {"longexp 601.mkv -o out.yuv", flat(16, 8, {128, 96, 210})},  // 128.08 96.13 209.96
       {"longexp 709.mkv -o out.yuv", flat(16, 8, {141, 87, 211})},  // 140.92 87.38 210.91
-      {"longexp red.mkv -o out.yuv", flat(16, 8, {77, 85, 255})},  // 76.72 84.59 255.53
+      {"longexp red.mkv -o out.yuv", flat(16, 8, {77, 85, 255})},   // 76.72 84.59 255.53
       {"longexp full.mkv -o out.yuv", mid},
       {"longexp odd8.png -o out.yuv", picture},
       {"longexp deep.png -o out.yuv", picture},
