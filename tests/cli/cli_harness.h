@@ -104,19 +104,6 @@ inline RunResult RunTool(const std::string& args, const std::string& cwd,
   return {code, read_all(out), read_all(err)};
 }
 
-// One command line and what it must give. With error set: exit 2 and one line "velmora: error:
-// ..." naming it, nothing on standard output. Else: exit 0, nothing on standard error and on
-// standard output only shows, and the output named last on the line (numbered outputs one after
-// another; a PNG as its RGB) within tolerance of want. Either way no file is left made or
-// changed: outputs are checked and removed.
-struct ToolRun {
-  std::string args;
-  std::vector<uint8_t> want = {};
-  std::string error = {};
-  int tolerance = 0;
-  std::string shows = {};
-};
-
 inline size_t FrameBytes(int width, int height) { return size_t(width) * height * 3 / 2; }
 
 // 8-bit RGB rows as PNG, or with deep as 16-bit (the same colours), or with jpeg as a 4:2:0
@@ -144,6 +131,19 @@ inline void WritePicture(const std::string& path, int width, int height,
   const void* pixels = deep ? static_cast<const void*>(wide.data()) : rgb.data();
   ASSERT_NE(png_image_write_to_file(&png, path.c_str(), 0, pixels, 0, nullptr), 0);
 }
+
+// One command line and what it must give. With error set: exit 2 and one line "velmora: error:
+// ..." naming it, nothing on standard output. Else: exit 0, nothing on standard error and on
+// standard output only shows, and the output named last on the line (numbered outputs one after
+// another; a PNG as its RGB) within tolerance of want. Either way no file is left made or
+// changed: outputs are checked and removed.
+struct ToolRun {
+  std::string args;
+  std::vector<uint8_t> want = {};
+  std::string error = {};
+  int tolerance = 0;
+  std::string shows = {};
+};
 
 inline void ExpectRun(const TempDir& dir, const ToolRun& run) {
   SCOPED_TRACE("velmora " + run.args);
