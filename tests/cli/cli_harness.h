@@ -1,57 +1,59 @@
 // The velmora tool run as a user runs it, for the tests: a subprocess on files in a temporary
-// directory, and the pieces to make and check its inputs and outputs.
+// directory, and the videos and pictures it reads, made with the libraries it reads them with.
 #ifndef VELMORA_TESTS_CLI_CLI_HARNESS_H
 #define VELMORA_TESTS_CLI_CLI_HARNESS_H
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
 #include <gtest/gtest.h>
 #include <png.h>
 #include <sys/wait.h>
+#include <turbojpeg.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <random>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "convert.h"
 #include "test_util.h"
-#include "velmora/filters.h"
 
 namespace clitest {
 
 namespace fs = std::filesystem;
-
 using testutil::ReadFile;
 using testutil::TempDir;
 using testutil::WriteFile;
 
-// The command line that runs the tool; call it before forking.
-inline std::vector<std::string> ToolCommand(const std::vector<std::string>& args) {
-  // Under LeakSanitizer (with the library's deliberate leaks suppressed) the list of suppressions
-  // used would be printed on standard error, which the tests read as the tool's own.
-  static const bool quiet = [] {
-    if (const char* lsan = std::getenv("LSAN_OPTIONS")) {
-      setenv("LSAN_OPTIONS", (std::string(lsan) + ":print_suppressions=0").c_str(), 1);
-    }
-    return true;
-  }();
-  (void)quiet;
+// A command line written as one string (no argument holds the separator).
+inline std::vector<std::string> Words(const std::string& text, char separator = ' ') {
+  std::istringstream in(text);
+  std::vector<std::string> words;
+  for (std::string word; std::getline(in, word, separator);)
+    if (!word.empty()) words.push_back(word);
+  return words;
+}
 
+// The command line that runs the tool; call it before forking.
+inline std::vector<std::string> ToolCommand(const std::string& args) {
+  // Under LeakSanitizer the list of suppressions used would land on the standard error the
+  // tests read as the tool's own.
+  const char* lsan = std::getenv("LSAN_OPTIONS");
+  if (lsan != nullptr && std::string(lsan).find("print_suppressions=0") == std::string::npos)
+    setenv("LSAN_OPTIONS", (std::string(lsan) + ":print_suppressions=0").c_str(), 1);
   std::vector<std::string> command;
 #ifdef VELMORA_TOOL_LAUNCHER
-  const std::string launcher = VELMORA_TOOL_LAUNCHER;
-  for (size_t start = 0; start <= launcher.size();) {
-    const size_t bar = std::min(launcher.find('|', start), launcher.size());
-    command.push_back(launcher.substr(start, bar - start));
-    start = bar + 1;
-  }
+  command = Words(VELMORA_TOOL_LAUNCHER, '|');  // the emulator's words
 #endif
   command.push_back(VELMORA_TOOL_PATH);
-  command.insert(command.end(), args.begin(), args.end());
+  for (const std::string& word : Words(args)) command.push_back(word);
   return command;
 }
 
@@ -71,23 +73,15 @@ inline int ExitCode(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-inline std::string ReadAll(std::FILE* file) {
-  std::rewind(file);
-  std::string text;
-  char buffer[4096];
-  for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;) text.append(buffer, n);
-  std::fclose(file);
-  return text;
-}
-
 struct RunResult {
   int exit_code;
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
-// Runs the tool in cwd with standard output and error captured (neither is a terminal).
-inline RunResult RunTool(const std::vector<std::string>& args, const std::string& cwd) {
+// Runs the tool in cwd with standard output and error captured (neither is a terminal);
+// meanwhile, if given, runs in this process while the tool does.
+inline RunResult RunTool(const std::string& args, const std::string& cwd,
+                         const std::function<void(pid_t)>& meanwhile = {}) {
   const std::vector<std::string> command = ToolCommand(args);
   std::FILE* out = std::tmpfile();
   std::FILE* err = std::tmpfile();
@@ -97,76 +91,152 @@ inline RunResult RunTool(const std::vector<std::string>& args, const std::string
     dup2(fileno(err), STDERR_FILENO);
     Exec(command, cwd);
   }
+  if (meanwhile) meanwhile(pid);
   const int code = ExitCode(pid);
-  return {code, ReadAll(out), ReadAll(err)};
+  auto read_all = [](std::FILE* file) {
+    std::fseek(file, 0, SEEK_END);  // where the tool's writes ended
+    std::string text(size_t(std::ftell(file)), '\0');
+    std::rewind(file);
+    text.resize(std::fread(text.data(), 1, text.size(), file));
+    std::fclose(file);
+    return text;
+  };
+  return {code, read_all(out), read_all(err)};
 }
 
 inline size_t FrameBytes(int width, int height) { return size_t(width) * height * 3 / 2; }
 
-inline std::vector<uint8_t> RandomFrame(int width, int height, std::mt19937* random) {
-  std::vector<uint8_t> frame(FrameBytes(width, height));
-  for (uint8_t& byte : frame) byte = static_cast<uint8_t>((*random)() & 0xff);
-  return frame;
-}
-
-// A plain double running mean in arrival order, truncated to bytes, then the library's sharpen
-// with the pipeline's threshold and amount.
-inline std::vector<uint8_t> ReferenceLongExposure(
-    const std::vector<std::vector<uint8_t>>& frames, int width, int height) {
-  std::vector<double> mean(FrameBytes(width, height), 0.0);
-  for (size_t n = 0; n < frames.size(); ++n) {
-    const double count = static_cast<double>(n);
-    for (size_t i = 0; i < mean.size(); ++i) {
-      mean[i] = (mean[i] * count) / (count + 1.0) + frames[n][i] / (count + 1.0);
-    }
+// 8-bit RGB rows as PNG, or with deep as 16-bit (the same colours), or with jpeg as a 4:2:0
+// JPEG of quality 100.
+inline void WritePicture(const std::string& path, int width, int height,
+                         const std::vector<uint8_t>& rgb, bool deep = false, bool jpeg = false) {
+  if (jpeg) {
+    tjhandle tj = tjInitCompress();
+    unsigned char* bytes = nullptr;
+    unsigned long size = 0;
+    ASSERT_EQ(tjCompress2(tj, rgb.data(), width, 0, height, TJPF_RGB, &bytes, &size, TJSAMP_420,
+                          100, 0), 0);
+    WriteFile(path, std::vector<uint8_t>(bytes, bytes + size));
+    tjFree(bytes);
+    tjDestroy(tj);
+    return;
   }
-  std::vector<uint8_t> picture(mean.size());
-  for (size_t i = 0; i < mean.size(); ++i)
-    picture[i] = static_cast<uint8_t>(static_cast<int>(mean[i]));
-  uint8_t* y = picture.data();
-  uint8_t* uv = picture.data() + size_t(width) * height;
-  sharpenFilter(y, uv, y, uv, width, height, 2, 1.0f);
-  return picture;
+  png_image png{};
+  png.version = PNG_IMAGE_VERSION;
+  png.width = uint32_t(width);
+  png.height = uint32_t(height);
+  png.format = deep ? PNG_FORMAT_LINEAR_RGB : PNG_FORMAT_RGB;
+  std::vector<uint16_t> wide(rgb.begin(), rgb.end());
+  for (uint16_t& v : wide) v = uint16_t(v * 257);
+  const void* pixels = deep ? static_cast<const void*>(wide.data()) : rgb.data();
+  ASSERT_NE(png_image_write_to_file(&png, path.c_str(), 0, pixels, 0, nullptr), 0);
 }
 
-inline std::vector<uint8_t> SwapChroma(std::vector<uint8_t> frame, int width, int height) {
-  for (size_t i = size_t(width) * height; i + 1 < frame.size(); i += 2)
-    std::swap(frame[i], frame[i + 1]);
-  return frame;
-}
-
-struct Png {
-  uint32_t width = 0;
-  uint32_t height = 0;
-  std::vector<uint8_t> rgb;
+// One command line and what it must give. With error set: exit 2 and one line "velmora: error:
+// ..." naming it, nothing on standard output. Else: exit 0, nothing on standard error and on
+// standard output only shows, and the output named last on the line (numbered outputs one after
+// another; a PNG as its RGB) within tolerance of want. Either way no file is left made or
+// changed: outputs are checked and removed.
+struct ToolRun {
+  std::string args;
+  std::vector<uint8_t> want = {};
+  std::string error = {};
+  int tolerance = 0;
+  std::string shows = {};
 };
 
-// Decodes with libpng's own reader; false if the file is not a valid PNG.
-inline bool ReadPng(const std::string& path, Png* png) {
-  png_image image{};
-  image.version = PNG_IMAGE_VERSION;
-  if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
-  image.format = PNG_FORMAT_RGB;
-  png->rgb.resize(PNG_IMAGE_SIZE(image));
-  png->width = image.width;
-  png->height = image.height;
-  const bool ok = png_image_finish_read(&image, nullptr, png->rgb.data(), 0, nullptr) != 0;
-  png_image_free(&image);
-  return ok;
+inline void ExpectRun(const TempDir& dir, const ToolRun& run) {
+  SCOPED_TRACE("velmora " + run.args);
+  const std::vector<std::string> before = dir.List();
+  const RunResult result = RunTool(run.args, dir.path());
+  if (!run.error.empty()) {
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_EQ(result.err.rfind("velmora: error: ", 0), 0u) << result.err;
+    EXPECT_NE(result.err.find(run.error), std::string::npos) << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(dir.List(), before);
+    return;
+  }
+  ASSERT_EQ(result.exit_code, 0) << result.err;
+  EXPECT_EQ(result.err, "");  // no progress line when standard error is not a terminal
+  EXPECT_TRUE(run.shows.empty() ? result.out.empty()
+                                : result.out.find(run.shows) != std::string::npos)
+      << result.out;
+  const std::string pattern = run.args.empty() ? "" : Words(run.args).back();
+  std::vector<uint8_t> got;
+  for (int n = 1; n == 1 || pattern.find('%') != std::string::npos; ++n) {
+    char name[256];
+    std::snprintf(name, sizeof name, pattern.c_str(), n);
+    if (!fs::exists(dir / name)) break;
+    velmora::tool::RgbImage png;  // libpng's decoding
+    std::string why;
+    const std::vector<uint8_t> bytes =
+        velmora::tool::ReadPngFile(dir / name, &png, &why) ? png.rgb : ReadFile(dir / name);
+    got.insert(got.end(), bytes.begin(), bytes.end());
+    fs::remove(dir / name);
+  }
+  ASSERT_EQ(got.size(), run.want.size());
+  for (size_t i = 0; i < got.size(); ++i)
+    ASSERT_LE(std::abs(int(got[i]) - int(run.want[i])), run.tolerance) << "byte " << i;
+  EXPECT_EQ(dir.List(), before);
 }
 
-inline bool WritePng(const std::string& path, uint32_t width, uint32_t height,
-                     const std::vector<uint8_t>& rgb) {
-  png_image image{};
-  image.version = PNG_IMAGE_VERSION;
-  image.width = width;
-  image.height = height;
-  image.format = PNG_FORMAT_RGB;
-  return png_image_write_to_file(&image, path.c_str(), 0, rgb.data(), 0, nullptr) != 0;
-}
-
-inline size_t CountLines(const std::string& text) {
-  return std::count(text.begin(), text.end(), '\n');
+// NV12 frames (the even part of a width x height picture) as a lossless FFV1 video in Matroska,
+// so that decoding must give them back exactly, tagged with the given colours. An odd last
+// column or row is filled with 0.
+inline void WriteVideo(const std::string& path, const std::vector<std::vector<uint8_t>>& frames,
+                       int width, int height, AVColorRange range = AVCOL_RANGE_JPEG,
+                       AVColorSpace space = AVCOL_SPC_BT470BG) {
+  AVFormatContext* format = nullptr;
+  ASSERT_GE(avformat_alloc_output_context2(&format, nullptr, "matroska", path.c_str()), 0);
+  AVStream* stream = avformat_new_stream(format, nullptr);
+  AVCodecContext* encoder = avcodec_alloc_context3(avcodec_find_encoder(AV_CODEC_ID_FFV1));
+  encoder->width = width;
+  encoder->height = height;
+  encoder->pix_fmt = AV_PIX_FMT_YUV420P;
+  encoder->color_range = range;
+  encoder->colorspace = space;
+  encoder->time_base = stream->time_base = {1, 10};
+  ASSERT_GE(avcodec_open2(encoder, nullptr, nullptr), 0);
+  avcodec_parameters_from_context(stream->codecpar, encoder);
+  ASSERT_GE(avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE), 0);
+  ASSERT_GE(avformat_write_header(format, nullptr), 0);
+  AVPacket* packet = av_packet_alloc();
+  const int w = width & ~1, h = height & ~1;
+  for (size_t n = 0; n <= frames.size(); ++n) {
+    AVFrame* frame = nullptr;  // none after the last: flushes the encoder
+    if (n < frames.size()) {
+      frame = av_frame_alloc();
+      frame->format = encoder->pix_fmt;
+      frame->width = width;
+      frame->height = height;
+      frame->pts = int64_t(n);
+      ASSERT_GE(av_frame_get_buffer(frame, 0), 0);
+      const uint8_t* nv12 = frames[n].data();
+      for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+          const bool in = x < w && y < h;
+          const size_t pair = size_t(w) * h + size_t(y / 2) * w + (x & ~1);
+          frame->data[0][y * frame->linesize[0] + x] = in ? nv12[y * w + x] : 0;
+          if (x % 2 || y % 2) continue;
+          frame->data[1][y / 2 * frame->linesize[1] + x / 2] = in ? nv12[pair] : 0;
+          frame->data[2][y / 2 * frame->linesize[2] + x / 2] = in ? nv12[pair + 1] : 0;
+        }
+      }
+    }
+    ASSERT_GE(avcodec_send_frame(encoder, frame), 0);
+    av_frame_free(&frame);
+    while (avcodec_receive_packet(encoder, packet) == 0) {
+      av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
+      av_interleaved_write_frame(format, packet);
+    }
+  }
+  av_write_trailer(format);
+  av_packet_free(&packet);
+  avcodec_free_context(&encoder);
+  avio_closep(&format->pb);
+  avformat_free_context(format);
 }
 
 }  // namespace clitest
