@@ -1,3 +1,4 @@
+// Homography estimation (kernel, eigen solver, generator, RANSAC) and the homography utilities.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -5,9 +6,11 @@
 #include <cstdint>
 #include <cstring>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "velmora/homography.h"
+#include "velmora/registration.h"
 
 namespace {
 
@@ -32,8 +35,8 @@ double MaxDeviation(const double* a, const double* b) {
   return worst;
 }
 
-// Pairs under h with destination noise uniform in +-noise per axis; a share of them, spread over
-// the set, made gross outliers 20 to 200 pixels away from their true position.
+// Pairs under h with destination noise of +-noise per axis; a share of them, spread over the set,
+// made gross outliers 20 to 200 pixels away from their true position.
 struct Planted {
   std::vector<Point2D64f> src, dst;
   std::vector<unsigned char> inlier;
@@ -43,14 +46,12 @@ Planted Plant(int count, double outlier_share, double noise, uint32_t seed,
   std::mt19937 gen(seed);
   std::uniform_real_distribution<double> px(0.0, 640.0), py(0.0, 480.0), jitter(-noise, noise);
   std::uniform_real_distribution<double> far(20.0, 200.0), angle(0.0, 6.283185307179586);
-  Planted p;
+  Planted p{{}, {}, std::vector<unsigned char>(count, 1)};
   for (int i = 0; i < count; ++i) {
     p.src.push_back({px(gen), py(gen)});
-    p.dst.push_back(Apply(h, p.src.back()));
-    p.dst.back().x += jitter(gen);
-    p.dst.back().y += jitter(gen);
+    const Point2D64f q = Apply(h, p.src.back());
+    p.dst.push_back({q.x + jitter(gen), q.y + jitter(gen)});
   }
-  p.inlier.assign(count, 1);
   std::vector<int> order(count);
   for (int i = 0; i < count; ++i) order[i] = i;
   std::shuffle(order.begin(), order.end(), gen);
@@ -75,61 +76,32 @@ TEST(RunKernel, FitsExactPairsAndPassesDegenerateInputThrough) {
       for (int i = 0; i < 9; ++i) EXPECT_NEAR(h[i], truth[i], 1e-9 * (1 + std::abs(truth[i])));
     }
   }
-  // All points on one vertical line: an infinite scale factor, a NaN result, still 1.
+  // All points on one vertical line: an unguarded infinite scale factor, NaN out, still 1.
   Point2D64f line[5] = {{3, 0}, {3, 1}, {3, 5}, {3, 9}, {3, 12}};
   double h[9];
   EXPECT_EQ(runKernel(5, line, line, h), 1);
   EXPECT_TRUE(std::isnan(h[0]));
 }
 
-TEST(Jacobi, EigenpairsOfRandomSymmetricMatrices) {
-  std::mt19937 gen(11);
-  std::uniform_real_distribution<double> u(-10.0, 10.0);
-  for (int trial = 0; trial < 25; ++trial) {
-    double a[81], copy[81], w[9], v[81];
-    for (int r = 0; r < 9; ++r) {
-      for (int c = r; c < 9; ++c) a[r * 9 + c] = a[c * 9 + r] = u(gen);
-    }
-    std::memcpy(copy, a, sizeof(a));
-    ASSERT_TRUE(JacobiImpl_<double>(copy, w, v, 9));
-    for (int i = 0; i < 9; ++i) {
-      EXPECT_GE(w[std::max(i - 1, 0)], w[i]);
-      double norm = 0.0;
-      for (int c = 0; c < 9; ++c) norm += v[i * 9 + c] * v[i * 9 + c];
-      EXPECT_NEAR(norm, 1.0, 1e-12);
-      for (int r = 0; r < 9; ++r) {  // A v = lambda v, row by row
-        double av = 0.0;
-        for (int c = 0; c < 9; ++c) av += a[r * 9 + c] * v[i * 9 + c];
-        EXPECT_NEAR(av, w[i] * v[i * 9 + r], 1e-11) << "trial " << trial << " pair " << i;
-      }
-    }
-  }
-}
-
-TEST(Jacobi, DiagonalInputSortsDescendingWithUnitVectors) {
-  // Selection sort by strictly larger: equal values keep their order unless a swap carries one
-  // past the other, as in the last row (the two 1s trade places).
-  struct Case {
-    std::vector<double> diagonal;
-    std::vector<int> unit_of_row;  // which unit vector each sorted row is
-  };
-  const Case cases[] = {{{1, 5, 5}, {1, 2, 0}}, {{5, 5, 1}, {0, 1, 2}}, {{1, 2, 1, 3}, {3, 1, 2, 0}}};
-  for (const Case& c : cases) {
-    const int n = static_cast<int>(c.diagonal.size());
-    // Row stride 9 whatever n: the sentinel beyond the n x n block would be read as matrix
-    // entries by a solver using stride n.
+// Diagonal input: no rotation; selection sort by strictly larger, so equal values keep their
+// order unless a swap carries one past the other (the two 1s of the last case trade places).
+TEST(Jacobi, DiagonalInputSortsDescendingWithUnitVectorsAtStrideNine) {
+  const std::pair<std::vector<double>, std::vector<int>> cases[] = {
+      {{1, 5, 5}, {1, 2, 0}}, {{5, 5, 1}, {0, 1, 2}}, {{1, 2, 1, 3}, {3, 1, 2, 0}}};
+  for (const auto& [diagonal, unit_of_row] : cases) {
+    const int n = static_cast<int>(diagonal.size());
+    // A solver with row stride n would read the 1e6 sentinels as matrix entries.
     std::vector<double> a(81, 1e6), v(81, -7.0);
     for (int r = 0; r < n; ++r) {
-      for (int k = 0; k < n; ++k) a[r * 9 + k] = r == k ? c.diagonal[r] : 0.0;
+      for (int k = 0; k < n; ++k) a[r * 9 + k] = r == k ? diagonal[r] : 0.0;
     }
     const std::vector<double> before = a;
     double w[9];
     ASSERT_TRUE(JacobiImpl_<double>(a.data(), w, v.data(), n));
-    EXPECT_EQ(a, before);  // nothing above eps off the diagonal: no rotation at all
+    EXPECT_EQ(a, before);
     for (int r = 0; r < n; ++r) {
-      EXPECT_EQ(w[r], c.diagonal[c.unit_of_row[r]]);
-      for (int k = 0; k < n; ++k) EXPECT_EQ(v[r * 9 + k], k == c.unit_of_row[r] ? 1.0 : 0.0);
-      EXPECT_EQ(v[r * 9 + n], -7.0);
+      EXPECT_EQ(w[r], diagonal[unit_of_row[r]]);
+      for (int k = 0; k <= n; ++k) EXPECT_EQ(v[r * 9 + k], k == n ? -7 : k == unit_of_row[r]);
     }
   }
 }
@@ -149,22 +121,22 @@ TEST(Generator, MultiplyWithCarryFromAllOnesNeverReseeded) {
   rng = 0xFFFFFFFFFFFFFFFFull;
   EXPECT_EQ(DrawOne(ten), 5);
   EXPECT_EQ(rng, 0xF83F630A07C09CF5ull);
+  // Further draws: low word times the multiplier plus the high word as carry, modulo the count.
   uint64_t s = rng;
-  for (int k = 0; k < 20; ++k) {
-    s = (s & 0xFFFFFFFFu) * 0xF83F630Aull + (s >> 32);  // the rule: low word * a + carry
+  for (int k = 0; k < 3; ++k) {
+    s = (s & 0xFFFFFFFFu) * 0xF83F630Aull + (s >> 32);
     auto& set = k % 2 ? ten : seven;
     EXPECT_EQ(DrawOne(set), static_cast<int>(static_cast<uint32_t>(s) % set.size())) << k;
   }
   // findHomography goes on from wherever the state stands: two starts, two end states.
   Planted p = Plant(40, 0.2, 0.5, 5);
   double h[9];
-  uint64_t after[2];
-  for (int k = 0; k < 2; ++k) {
-    rng = 1000 + k;
-    findHomography(p.src, p.dst, h, 3.0, 40);
-    after[k] = rng;
-  }
-  EXPECT_NE(after[0], after[1]);
+  rng = 1000;
+  findHomography(p.src, p.dst, h, 3.0, 40);
+  const uint64_t after = rng;
+  rng = 1001;
+  findHomography(p.src, p.dst, h, 3.0, 40);
+  EXPECT_NE(after, rng);
 }
 
 TEST(GetSubset, DistinctDrawsAndTheAttemptBudget) {
@@ -219,7 +191,7 @@ TEST(CheckSubset, CollinearWithinSinglePrecisionEpsilon) {
   checkPartialSubsets = false;
 }
 
-TEST(FindInliers, InclusiveOnTheFloatRoundedError) {
+TEST(FindInliers, InclusiveOnTheFloatRoundedErrorWithoutReadingH8) {
   // Identity model, threshold 3: the squared error is compared with 9 after rounding to float.
   for (const double dx : {3.0, 3.0 + 1e-9, -3.0, 3.000001, 5.0}) {
     Point2D64f a = {10.0, 20.0}, b = {10.0 + dx, 20.0};
@@ -229,15 +201,12 @@ TEST(FindInliers, InclusiveOnTheFloatRoundedError) {
     EXPECT_EQ(findInliers(&a, &b, h, &mask, 3.0, 1), expected) << dx;
     EXPECT_EQ(mask, expected);
   }
-  // Errors of a perspective model against an independent projection; H[8] is not read.
   Planted p = Plant(30, 0.3, 0.0, 9);
   double h[9];
   std::memcpy(h, kTrue, sizeof(h));
-  std::vector<float> err(30), err_h8(30);
-  computeReprojError(p.src.data(), p.dst.data(), h, err.data(), 30);
   h[8] = 7.0;
-  computeReprojError(p.src.data(), p.dst.data(), h, err_h8.data(), 30);
-  EXPECT_EQ(err, err_h8);
+  std::vector<float> err(30);
+  computeReprojError(p.src.data(), p.dst.data(), h, err.data(), 30);
   for (int i = 0; i < 30; ++i) {
     const Point2D64f q = Apply(kTrue, p.src[i]);
     const double d2 = std::pow(q.x - p.dst[i].x, 2) + std::pow(q.y - p.dst[i].y, 2);
@@ -246,38 +215,33 @@ TEST(FindInliers, InclusiveOnTheFloatRoundedError) {
 }
 
 TEST(RansacIterations, UpdateFigures) {
-  struct Case {
+  const struct {
     double p, ep;
     int max_iters, expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {0.995, 0.5, 1000, 82},    // round(log(0.005) / log(1 - 0.5^4))
       {0.995, 0.0, 1000, 0},     // every point an inlier
-      {0.995, -0.5, 1000, 0},    // clamped to 0
       {0.995, 0.35, 1000, 27},   // 26.95 rounds up
       {0.995, 0.2, 1000, 10},    // 10.05 rounds down
       {0.995, 0.5, 50, 50},      // capped by the current count
       {0.995, 0.9, 1000, 1000},  // 52980 needed
       {0.995, 1.0, 1000, 1000},  // no inlier at all: log(1) = 0
       {1.0, 0.5, 1000, 1000},    // certainty: log(DBL_MIN) is far beyond the cap
-      {1.5, 0.5, 1000, 1000},    // clamped to 1
       {0.0, 0.5, 1000, 0},       // no confidence asked: log(1) = 0
       {NAN, 0.5, 1000, 1000},    // a NaN keeps the budget
       {0.995, NAN, 1000, 1000},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     EXPECT_EQ(RANSACUpdateNumIters(c.p, c.ep, 4, c.max_iters), c.expected) << c.p << " " << c.ep;
   }
 }
 
 TEST(FindHomography, RecoversAPlantedHomographyAndItsInliers) {
-  struct Case {
+  const struct {
     int count;
     double outlier_share, noise, accuracy;  // accuracy: largest deviation over the frame, pixels
-  };
-  const Case cases[] = {{100, 0.0, 0.0, 1e-6}, {200, 0.2, 0.5, 0.3}, {200, 0.5, 0.5, 0.3},
-                        {500, 0.5, 0.5, 0.2}};
-  for (const Case& c : cases) {
+  } cases[] = {{100, 0.0, 0.0, 1e-6}, {200, 0.2, 0.5, 0.3}, {500, 0.5, 0.5, 0.2}};
+  for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.count << " pairs, outliers " << c.outlier_share);
     Planted p = Plant(c.count, c.outlier_share, c.noise, 21);
     rng = 0xFFFFFFFFFFFFFFFFull;
@@ -288,9 +252,8 @@ TEST(FindHomography, RecoversAPlantedHomographyAndItsInliers) {
     std::vector<unsigned char> mask(c.count);
     findInliers(p.src.data(), p.dst.data(), h, mask.data(), 3.0, c.count);
     EXPECT_EQ(mask, p.inlier);
-
-    // The best four-point model of the same run takes no outlier; fitted to four noisy pairs it
-    // may miss a few true inliers far from them, which the refit then recovers.
+    // The best four-point model takes no outlier; fitted to four noisy pairs it may miss a few
+    // true inliers far from them, which the refit then recovers.
     rng = 0xFFFFFFFFFFFFFFFFull;
     std::vector<unsigned char> ransac_mask(c.count, 9);
     EXPECT_TRUE(runRANSAC(c.count, 4, p.src.data(), p.dst.data(), h, ransac_mask.data(), 3.0,
@@ -319,17 +282,16 @@ TEST(FindHomography, ThresholdAtOrBelowZeroMeansThree) {
 }
 
 TEST(FindHomography, FewOrCollinearPairs) {
-  const double sentinel = -12345.0;
   double h[9];
-  std::fill(h, h + 9, sentinel);
-  // Collinear: no subset within 300 attempts, H untouched.
+  std::fill(h, h + 9, -12345.0);
+  // Collinear: no subset within 300 attempts. Four pairs: no subset is drawn, the kernel sees
+  // the zeroed subset buffers, no model. Either way H stays untouched.
   std::vector<Point2D64f> line(10);
   for (int i = 0; i < 10; ++i) line[i] = {1.0 * i, 2.0 * i};
   EXPECT_FALSE(findHomography(line, line, h, 3.0, 10));
-  // Four pairs: no subset is drawn, the kernel sees the zeroed subset buffers, no model.
   Planted four = Plant(4, 0.0, 0.0, 2);
   EXPECT_FALSE(findHomography(four.src, four.dst, h, 3.0, 4));
-  for (double v : h) EXPECT_EQ(v, sentinel);
+  for (double v : h) EXPECT_EQ(v, -12345.0);
   // Five exact pairs: the refit on all five recovers the homography.
   Planted five = Plant(5, 0.0, 0.0, 2);
   EXPECT_TRUE(findHomography(five.src, five.dst, h, 3.0, 5));
@@ -360,6 +322,72 @@ TEST(RunRansac, ExactPairsStopAfterOneModelAndHandOverNineBytes) {
   EXPECT_EQ(rng, after);
   EXPECT_FALSE(run(50, 0));
   EXPECT_FALSE(run(3, 1000));
+}
+
+TEST(Invert, ProductWithTheOriginalIsTheIdentity) {
+  double cases[3][9] = {{2, 0, 0, 0, 4, 0, 0, 0, 8},
+                        {0.5, 0.1, -300, -0.2, 1.7, 40, 1e-3, 3e-4, 0.9},
+                        {-1.3, 0.7, 1.9, 0.2, -0.4, 1.1, 1.6, -0.9, 0.3}};
+  double inv[9];
+  for (double* h : cases) {
+    invert(h, inv);
+    for (int r = 0; r < 3; ++r) {
+      for (int c = 0; c < 3; ++c) {
+        double s = 0.0;
+        for (int k = 0; k < 3; ++k) s += inv[r * 3 + k] * h[k * 3 + c];
+        EXPECT_NEAR(s, r == c ? 1.0 : 0.0, 1e-9) << r << c;
+      }
+    }
+  }
+  invert(cases[0], inv);  // diagonal: the exact reciprocals
+  EXPECT_EQ(std::make_tuple(inv[0], inv[4], inv[8]), std::make_tuple(0.5, 0.25, 0.125));
+  double singular[9] = {1, 2, 3, 2, 4, 6, 0, 0, 1};  // no guard: non-finite values
+  invert(singular, inv);
+  EXPECT_FALSE(std::isfinite(inv[0]));
+}
+
+TEST(DiffH, RunningSumRoundedToFloatInIndexOrder) {
+  // Eight differences of 2^-25 and one of 1: added after the 1 each small one is lost to float
+  // rounding; added before it they sum to 2^-22 first, which survives.
+  const double tiny = std::ldexp(1.0, -25);
+  double zero[9] = {}, small_last[9], small_first[9];
+  for (int i = 0; i < 9; ++i) small_last[i] = small_first[i] = -tiny;  // |difference| counts
+  small_last[0] = small_first[8] = 1.0;
+  EXPECT_EQ(diffH(small_last, zero), 1.0f);
+  EXPECT_EQ(diffH(small_first, zero), 1.0f + std::ldexp(1.0f, -22));
+  EXPECT_EQ(diffH(small_first, small_first), 0.0f);
+}
+
+auto Edges(const Rect& r) { return std::make_tuple(r.left, r.top, r.right, r.bottom); }
+
+TEST(CropAndThrow, OneSidedThrowTestsAndInwardRoundedEdges) {
+  // A 641 x 481 frame: the limits are 641 / 2 = 320 and 481 / 2 = 240 (integer division), and a
+  // shift of the half grid (hinv a translation) by t moves the top-left corner by 2t.
+  const struct {
+    double tx, ty;
+    int thrown;
+    Rect expected;  // when kept
+  } cases[] = {
+      {0, 0, 0, {0, 0, 641, 481}},
+      {160, 0, 0, {320, 0, 641, 481}},      // 2t = 320: at the limit, kept
+      {160.25, 0, 1, {}},                   // 320.5 > 320
+      {0, 120, 0, {0, 240, 641, 481}},
+      {0, 120.25, 1, {}},
+      {10.25, 3.1, 0, {21, 7, 641, 481}},   // edges rounded inward: ceil(20.5), ceil(6.2)
+      {-1000, 0, 0, {0, 0, -1359, 481}},    // never thrown to the left; right < left is kept
+      {-10.25, -3.1, 0, {0, 0, 620, 474}},  // floor(641 - 20.5), floor(481 - 6.2)
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.tx << ", " << c.ty);
+    double h[9] = {1, 0, c.tx, 0, 1, c.ty, 0, 0, 1};
+    Rect r = {0, 0, 641, 481};
+    EXPECT_EQ(cropAndThrow(h, &r, 641, 481), c.thrown);
+    EXPECT_EQ(Edges(r), Edges(c.thrown ? Rect{0, 0, 641, 481} : c.expected));
+    // The rectangle only shrinks: the identity afterwards keeps it as it stands.
+    const Rect before = r;
+    EXPECT_EQ(cropAndThrow(const_cast<double*>(kIdentity), &r, 641, 481), 0);
+    EXPECT_EQ(Edges(r), Edges(before));
+  }
 }
 
 }  // namespace
