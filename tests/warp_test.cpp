@@ -1,6 +1,5 @@
-// The perspective warps: the rules of each member on planes and frames built so the expected
-// result is known independently, the split frame warp against a literal six-plane rendering, and
-// every vector variant against the scalar rows on random homographies.
+// The perspective warps: each member's rule on planes and frames built so that the result is
+// known, the split frame warp against a literal six-plane rendering, and the vector variants.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Matrix = std::vector<double>;
+using PlaneWarp = void (*)(double*, unsigned char*, unsigned char*, int, int);
 
 Matrix Translation(double tx, double ty) { return {1, 0, tx, 0, 1, ty, 0, 0, 1}; }
 
@@ -27,94 +27,70 @@ Bytes RandomFrameBuffer(int width, int height, uint32_t seed) {
   return testutil::Packed(testutil::RandomFrame(width, height, seed));
 }
 
-uint8_t At(const Bytes& plane, int width, int x, int y) { return plane[y * width + x]; }
+// Runs a plane or frame warp on a copy of src into a destination of the given fill.
+Bytes Warp(PlaneWarp warp, Matrix H, Bytes src, int w, int h, Bytes dst) {
+  warp(H.data(), src.data(), dst.data(), w, h);
+  return dst;
+}
 
-TEST(PlaneWarps, IdentityReproducesAndIntegerTranslationShifts) {
+TEST(PlaneWarps, IntegerShiftsMoveThePlaneAndOutOfViewIs255) {
   const int w = 13, h = 9;
   const Bytes src = testutil::RandomBytes(w * h, 1);
-  // Half-resolution members: a translation t of H moves the plane by 2t.
-  struct Case {
-    void (*warp)(double*, unsigned char*, unsigned char*, int, int);
-    double scale;
-  };
-  for (const Case& c : {Case{perspectiveWarp, 1.0}, Case{perspectiveWarpOP, 0.5},
-                        Case{perspectiveWarpNN, 0.5}}) {
-    const std::pair<int, int> shifts[] = {{0, 0}, {2, 0}, {0, -4}, {-6, 2}, {4, 4}};
-    for (auto [tx, ty] : shifts) {
-      Matrix H = Translation(tx * c.scale, ty * c.scale);
-      Bytes dst(w * h);
-      c.warp(H.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
+  // The half-resolution members move the plane by twice the translation of H.
+  for (const auto& [warp, scale] : {std::pair<PlaneWarp, double>{perspectiveWarp, 1.0},
+                                    {perspectiveWarpOP, 0.5}, {perspectiveWarpNN, 0.5}}) {
+    for (auto [tx, ty] : {std::pair<int, int>{0, 0}, {2, 0}, {0, -4}, {-6, 2}, {4, 4}}) {
+      const Bytes dst = Warp(warp, Translation(tx * scale, ty * scale), src, w, h, Bytes(w * h));
       for (int y = 0; y < h; ++y) {
         for (int x = 0; x < w; ++x) {
           const int sx = x + tx, sy = y + ty;
           const bool in = sx >= 0 && sx < w && sy >= 0 && sy < h;
-          ASSERT_EQ(At(dst, w, x, y), in ? At(src, w, sx, sy) : 255)
-              << "scale " << c.scale << " shift " << tx << "," << ty << " at " << x << "," << y;
+          ASSERT_EQ(dst[y * w + x], in ? src[sy * w + sx] : 255)
+              << scale << " shift " << tx << "," << ty << " at " << x << "," << y;
         }
       }
+    }
+    // Far away, and the degenerate: 0 / 0 everywhere, infinite and beyond-int positions.
+    for (Matrix H : {Translation(1e4, 0), Matrix(9, 0.0), Translation(INFINITY, 0),
+                     Translation(0, 1e300), Translation(-3e9, 0)}) {
+      EXPECT_EQ(Warp(warp, H, src, w, h, Bytes(w * h, 7)), Bytes(w * h, 255)) << H[2];
     }
   }
 }
 
 TEST(PlaneWarps, BilinearBlendsRoundOrTruncateAsDefined) {
-  // One row 10 20 21 ...: halfway between 10 and 20 is 15; between 20 and 21 (20.5) the double
-  // blend rounds half away from zero to 21, the fixed-point blend truncates to 20.
-  Bytes src = {10, 20, 21, 40, 10, 20, 21, 40};  // two rows, so the vertical weight is 0
-  Bytes dst(8);
-  Matrix half = Translation(0.5, 0.0);
-  perspectiveWarp(half.data(), src.data(), dst.data(), 4, 2);
-  EXPECT_EQ(dst[0], 15);
-  EXPECT_EQ(dst[1], 21);
-  EXPECT_EQ(dst[3], 255);  // 3.5 is beyond the last column
-  Matrix quarter = Translation(0.25, 0.0);  // sx = x + 0.5 at full resolution: weight 1024
-  perspectiveWarpOP(quarter.data(), src.data(), dst.data(), 4, 2);
+  // Halfway between 10 and 20 is 15; between 20 and 21 (20.5) the double blend rounds half away
+  // from zero to 21, the fixed-point one truncates to 20. Two equal rows: vertical weight 0.
+  const Bytes src = {10, 20, 21, 40, 10, 20, 21, 40};
+  Bytes dst = Warp(perspectiveWarp, Translation(0.5, 0.0), src, 4, 2, Bytes(8));
+  EXPECT_EQ(Bytes(dst.begin(), dst.begin() + 4), (Bytes{15, 21, 31, 255}));  // 3.5 is beyond
+  dst = Warp(perspectiveWarpOP, Translation(0.25, 0.0), src, 4, 2, Bytes(8));  // weight 1024
   EXPECT_EQ(dst[0], 15);
   EXPECT_EQ(dst[1], 20);
-  // A weight between steps truncates: 0.3 of the way from 10 to 20 is (int)(0.3 * 2048) = 614,
-  // (1434 * 10 + 614 * 20) * 2048 >> 22 = 12 (12.99 truncated).
-  Matrix tenth = Translation(0.15, 0.0);
-  perspectiveWarpOP(tenth.data(), src.data(), dst.data(), 4, 2);
-  EXPECT_EQ(dst[0], (1434 * 10 + 614 * 20) * 2048 >> 22);
+  // 0.3 of the way from 10 to 20: weight (int)(0.3 * 2048) = 614, 12.99 truncated.
+  dst = Warp(perspectiveWarpOP, Translation(0.15, 0.0), src, 4, 2, Bytes(8));
+  EXPECT_EQ(dst[0], 12);
 }
 
 TEST(PlaneWarps, BoundsInclusiveForBilinearRoundedForNearest) {
   const int w = 6, h = 4;
   Bytes src = testutil::RandomBytes(w * h, 2);
   std::replace(src.begin(), src.end(), uint8_t{255}, uint8_t{254});
-  Bytes dst(w * h);
-  // Left by 0.4: column 0 reads -0.4, out of view for the bilinear members, rounded into
-  // column 0 by the nearest one.
-  Matrix left = Translation(-0.2, 0.0);
-  perspectiveWarpOP(left.data(), src.data(), dst.data(), w, h);
-  EXPECT_EQ(At(dst, w, 0, 1), 255);
-  perspectiveWarpNN(left.data(), src.data(), dst.data(), w, h);
-  EXPECT_EQ(At(dst, w, 0, 1), At(src, w, 0, 1));
-  // Right by 0.6: the last column reads width - 0.4, which rounds to width: out of view; the
-  // one before reads width - 1.4 and takes the last column.
-  Matrix right = Translation(0.3, 0.0);
-  perspectiveWarpNN(right.data(), src.data(), dst.data(), w, h);
-  EXPECT_EQ(At(dst, w, w - 1, 1), 255);
-  EXPECT_EQ(At(dst, w, w - 2, 1), At(src, w, w - 1, 1));
+  const auto at = [&](const Bytes& p, int x, int y) { return p[y * w + x]; };
+  // Left by 0.4: column 0 reads -0.4, out of view for the bilinear members, rounded into column
+  // 0 by the nearest one.
+  EXPECT_EQ(at(Warp(perspectiveWarpOP, Translation(-0.2, 0), src, w, h, Bytes(w * h)), 0, 1), 255);
+  EXPECT_EQ(at(Warp(perspectiveWarpNN, Translation(-0.2, 0), src, w, h, Bytes(w * h)), 0, 1),
+            at(src, 0, 1));
+  // Right by 0.6: the last column reads width - 0.4, which rounds to width: out of view; the one
+  // before reads width - 1.4 and takes the last column.
+  const Bytes right = Warp(perspectiveWarpNN, Translation(0.3, 0), src, w, h, Bytes(w * h));
+  EXPECT_EQ(at(right, w - 1, 1), 255);
+  EXPECT_EQ(at(right, w - 2, 1), at(src, w - 1, 1));
   // Exactly on the last row and column is in view, blended with the repeated edge sample.
-  Matrix corner = Translation(w - 1.0, h - 1.0);
-  perspectiveWarp(corner.data(), src.data(), dst.data(), w, h);
-  EXPECT_EQ(At(dst, w, 0, 0), At(src, w, w - 1, h - 1));
-  EXPECT_EQ(At(dst, w, 1, 0), 255);
-}
-
-TEST(PlaneWarps, OutOfViewAndDegenerateMappingsAre255) {
-  const int w = 9, h = 5;
-  Bytes src = testutil::RandomBytes(w * h, 3);
-  constexpr double kInf = std::numeric_limits<double>::infinity();
-  // Far away, a zero matrix (0 / 0 is NaN everywhere), an infinite and a huge translation.
-  for (Matrix H : {Translation(1e4, 0), Translation(0, -1e4), Matrix(9, 0.0),
-                   Translation(kInf, 0), Translation(0, 1e300), Translation(-3e9, 0)}) {
-    for (auto warp : {perspectiveWarp, perspectiveWarpOP, perspectiveWarpNN}) {
-      Bytes dst(w * h, 7);
-      warp(H.data(), src.data(), dst.data(), w, h);
-      EXPECT_EQ(dst, Bytes(w * h, 255)) << H[2] << "," << H[5];
-    }
-  }
+  const Bytes corner = Warp(perspectiveWarp, Translation(w - 1, h - 1), src, w, h, Bytes(w * h));
+  EXPECT_EQ(at(corner, 0, 0), at(src, w - 1, h - 1));
+  EXPECT_EQ(at(corner, 1, 0), 255);
 }
 
 // The split family written out as the plain rule: replicated chroma planes, one fixed-point and
@@ -122,28 +98,23 @@ TEST(PlaneWarps, OutOfViewAndDegenerateMappingsAre255) {
 // plane reads as 255 and writes beyond the chroma plane are dropped.
 Bytes LiteralSplit(Matrix H, const Bytes& src, Bytes dst, int w, int h) {
   const size_t n = static_cast<size_t>(w) * h, chroma = static_cast<size_t>(h / 2) * w;
-  Bytes uv(chroma + 2 * w + 2, 255), c0(n), c1(n), luma(src.begin(), src.begin() + n);
+  Bytes uv(chroma + 2 * w + 2, 255), c0(n), c1(n);
   std::copy(src.begin() + n, src.end(), uv.begin());
   for (size_t i = 0; i < n; ++i) {
-    const size_t j = (i / w / 2) * w + ((i % w) & ~size_t{1});
-    c0[i] = uv[j];
-    c1[i] = uv[j + 1];
+    c0[i] = uv[(i / w / 2) * w + ((i % w) & ~size_t{1})];
+    c1[i] = uv[(i / w / 2) * w + ((i % w) & ~size_t{1}) + 1];
   }
-  Bytes warped_luma(n), w0(n + w + 2, 255), w1(n + w + 2, 255);
-  WarpFixedPointPlane(scalar::kWarp, H.data(), luma.data(), warped_luma.data(), w, h);
+  Bytes w0(n + w + 2, 255), w1(n + w + 2, 255);
+  WarpFixedPointPlane(scalar::kWarp, H.data(), src.data(), dst.data(), w, h);
   WarpNearestPlane(scalar::kWarp, H.data(), c0.data(), w0.data(), w, h);
   WarpNearestPlane(scalar::kWarp, H.data(), c1.data(), w1.data(), w, h);
-  std::copy(warped_luma.begin(), warped_luma.end(), dst.begin());
-  Bytes out_uv(dst.begin() + n, dst.end());
-  out_uv.resize(chroma + w + 2);
   for (int y = 0; y < h; y += 2) {
     for (int x = 0; x < w; x += 2) {
-      const size_t f = static_cast<size_t>(y) * w + x, at = (y / 2) * w + x;
-      out_uv[at] = (w0[f] + w0[f + 1] + w0[f + w] + w0[f + w + 1]) >> 2;
-      out_uv[at + 1] = (w1[f] + w1[f + 1] + w1[f + w] + w1[f + w + 1]) >> 2;
+      const size_t f = static_cast<size_t>(y) * w + x, at = n + (y / 2) * w + x;
+      if (at < dst.size()) dst[at] = (w0[f] + w0[f + 1] + w0[f + w] + w0[f + w + 1]) >> 2;
+      if (at + 1 < dst.size()) dst[at + 1] = (w1[f] + w1[f + 1] + w1[f + w] + w1[f + w + 1]) >> 2;
     }
   }
-  std::copy(out_uv.begin(), out_uv.begin() + chroma, dst.begin() + n);
   return dst;
 }
 
@@ -167,78 +138,60 @@ std::vector<Matrix> Homographies(int w, int h, uint32_t seed) {
   return hs;
 }
 
-TEST(SplitFrameWarp, MatchesTheLiteralSixPlaneRule) {
+// The first homography is the identity, which reproduces the frame. In place and planes apart
+// give the same frame.
+TEST(SplitFrameWarp, MatchesTheLiteralSixPlaneRuleInPlaceAndApart) {
   for (auto [w, h] : ConformanceSizes()) {
     if (w > 64) continue;  // the vector rows are held to the scalar ones at large sizes below
     const Bytes src = RandomFrameBuffer(w, h, w * 31 + h);
     const Bytes before = testutil::RandomBytes(src.size(), 9);
     for (Matrix H : Homographies(w, h, w + 100 * h)) {
-      Bytes dst = before;
-      perspectiveWarpYUV_OP(H.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
+      const Bytes dst = Warp(perspectiveWarpYUV_OP, H, src, w, h, before);
       ASSERT_EQ(dst, LiteralSplit(H, src, before, w, h)) << w << "x" << h << " H[2] " << H[2];
+      Bytes in_place = src, s = src, apart = before;
+      perspectiveWarpYUV_OP(H.data(), in_place.data(), in_place.data(), w, h);
+      ASSERT_EQ(in_place, LiteralSplit(H, src, src, w, h)) << w << "x" << h;
+      perspectiveWarpYUV_OP_1(H.data(), s.data(), s.data() + w * h, apart.data(),
+                              apart.data() + w * h, w, h);
+      ASSERT_EQ(apart, dst) << w << "x" << h;
     }
   }
 }
 
-// (The identity, which reproduces the frame, is the first homography of the literal rule's test.)
-TEST(SplitFrameWarp, InPlaceAndApartAlike) {
-  const int w = 10, h = 6, n = w * h;
-  const Bytes src = RandomFrameBuffer(w, h, 4);
-  Matrix H = {0.98, 0.05, 1.3, -0.04, 1.01, -0.7, 1e-3, -2e-3, 1};
-  Bytes expected(src.size()), in_place = src, y(n), uv(src.size() - n);
-  perspectiveWarpYUV_OP(H.data(), const_cast<uint8_t*>(src.data()), expected.data(), w, h);
-  perspectiveWarpYUV_OP(H.data(), in_place.data(), in_place.data(), w, h);
-  EXPECT_EQ(in_place, expected);
-  Bytes planes = src;
-  perspectiveWarpYUV_OP_1(H.data(), planes.data(), planes.data() + n, y.data(), uv.data(), w, h);
-  y.insert(y.end(), uv.begin(), uv.end());
-  EXPECT_EQ(y, expected);
-}
-
 TEST(DirectFrameWarp, LumaZeroOutOfViewChromaUntouchedOr128) {
   const int w = 12, h = 8, n = w * h;
-  const Bytes src = RandomFrameBuffer(w, h, 5);
-  const Bytes before(src.size(), 77);
-  Matrix identity = Translation(0, 0);
-  Bytes dst = before;
-  perspectiveWarpYUV(identity.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
-  EXPECT_EQ(dst, src);
+  const Bytes src = RandomFrameBuffer(w, h, 5), before(src.size(), 77);
+  EXPECT_EQ(Warp(perspectiveWarpYUV, Translation(0, 0), src, w, h, before), src);
   // Everything out of view: luma 0, chroma as the destination held it.
-  Matrix away = Translation(-100, 0);
-  for (auto warp : {perspectiveWarpYUV, perspectiveWarpYUV_B}) {
-    dst = before;
-    warp(away.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
-    EXPECT_EQ(Bytes(dst.begin(), dst.begin() + n), Bytes(n, 0));
-    EXPECT_EQ(Bytes(dst.begin() + n, dst.end()), Bytes(before.begin() + n, before.end()));
+  for (PlaneWarp warp : {perspectiveWarpYUV, perspectiveWarpYUV_B}) {
+    Bytes expected = before;
+    std::fill(expected.begin(), expected.begin() + n, 0);
+    EXPECT_EQ(Warp(warp, Translation(-100, 0), src, w, h, before), expected);
   }
   // A shift of 4 moves the chroma by 4 pairs, not 2 (H at the same scale on the chroma grid);
   // pairs whose luma is in view but whose chroma position is not become (128, 128).
-  Matrix shift = Translation(4, 0);
-  dst = before;
-  perspectiveWarpYUV(shift.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
+  const Bytes dst = Warp(perspectiveWarpYUV, Translation(4, 0), src, w, h, before);
   for (int r = 0; r < h / 2; ++r) {
     for (int p = 0; p < w / 2; ++p) {
       const int at = n + r * w + 2 * p;
       const bool luma_in = 2 * p + 4 <= w - 1, chroma_in = p + 4 <= w / 2 - 1;
-      const int first = !luma_in ? 77 : chroma_in ? src[at + 8] : 128;
-      const int second = !luma_in ? 77 : chroma_in ? src[at + 9] : 128;
-      ASSERT_EQ(dst[at], first) << r << "," << p;
-      ASSERT_EQ(dst[at + 1], second) << r << "," << p;
+      for (int k = 0; k < 2; ++k) {
+        ASSERT_EQ(dst[at + k], !luma_in ? 77 : chroma_in ? src[at + 8 + k] : 128) << r << "," << p;
+      }
     }
   }
   // Odd sizes: only blocks holding a whole destination pair get chroma; the lone last byte of a
   // chroma row and the last luma row of an odd height write nothing beyond the luma.
   const Bytes odd = RandomFrameBuffer(5, 3, 8);
-  dst.assign(odd.size(), 77);
-  perspectiveWarpYUV(identity.data(), const_cast<uint8_t*>(odd.data()), dst.data(), 5, 3);
-  EXPECT_EQ(Bytes(dst.begin(), dst.end() - 1), Bytes(odd.begin(), odd.end() - 1));
-  EXPECT_EQ(dst.back(), 77);
+  Bytes expected = odd;
+  expected.back() = 77;
+  EXPECT_EQ(Warp(perspectiveWarpYUV, Translation(0, 0), odd, 5, 3, Bytes(odd.size(), 77)),
+            expected);
 }
 
 TEST(BorderedFrame, MirroredRowsAndColumnsWithSwappedChromaPairs) {
   const int w = 6, h = 6, bw = w + 4;
-  Bytes src = RandomFrameBuffer(w, h, 6);
-  Bytes dst((w + 4) * (h + 4) * 3 / 2);
+  Bytes src = RandomFrameBuffer(w, h, 6), dst(bw * (h + 4) * 3 / 2);
   interBorder(src.data(), dst.data(), w, h);
   // Luma: reflection that repeats the edge, index -1 -> 0, -2 -> 1, n -> n - 1, n + 1 -> n - 2.
   const auto mirror = [](int i, int n) { return i < 0 ? -1 - i : i >= n ? 2 * n - 1 - i : i; };
@@ -248,29 +201,23 @@ TEST(BorderedFrame, MirroredRowsAndColumnsWithSwappedChromaPairs) {
     }
   }
   // Chroma: one replicated row above and below, one pair each side with its bytes swapped.
-  const uint8_t* uv = src.data() + w * h;
-  const uint8_t* buv = dst.data() + bw * (h + 4);
   for (int r = 0; r < h / 2 + 2; ++r) {
-    const uint8_t* s = uv + std::clamp(r - 1, 0, h / 2 - 1) * w;
-    const uint8_t* b = buv + r * bw;
+    const uint8_t* s = src.data() + w * h + std::clamp(r - 1, 0, h / 2 - 1) * w;
+    const uint8_t* b = dst.data() + bw * (h + 4) + r * bw;
     EXPECT_EQ(Bytes(b + 2, b + w + 2), Bytes(s, s + w));
     EXPECT_EQ((Bytes{b[0], b[1], b[w + 2], b[w + 3]}), (Bytes{s[1], s[0], s[w - 1], s[w - 2]}));
   }
-  // A single pixel: nothing to mirror, so it fills the bordered luma; no chroma row, so the
-  // bordered chroma is neutral.
-  Bytes pixel = {42};
-  Bytes tiny(5 * 5 * 3 / 2, 0);
+  // A single pixel fills the bordered luma; with no chroma row the bordered chroma is neutral.
+  Bytes pixel = {42}, tiny(25 + 10, 0), expected(25, 42);
   interBorder(pixel.data(), tiny.data(), 1, 1);
-  EXPECT_EQ(Bytes(tiny.begin(), tiny.begin() + 25), Bytes(25, 42));
-  EXPECT_EQ(Bytes(tiny.begin() + 25, tiny.begin() + 35), Bytes(10, 128));
+  expected.resize(tiny.size(), 128);
+  EXPECT_EQ(tiny, expected);
 }
 
 TEST(BorderedFrame, WarpReadsTheBorderWithItsOffsets) {
   const int w = 8, h = 6, n = w * h;
   const Bytes src = RandomFrameBuffer(w, h, 7);
-  Matrix identity = Translation(0, 0);
-  Bytes dst(src.size());
-  perspectiveWarpYUV_B(identity.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
+  const Bytes dst = Warp(perspectiveWarpYUV_B, Translation(0, 0), src, w, h, Bytes(src.size()));
   EXPECT_EQ(Bytes(dst.begin(), dst.begin() + n), Bytes(src.begin(), src.begin() + n));
   // Chroma x lands one pair too far (+2 on a border of one pair), y where it belongs (+1): each
   // pair is the next one of the source, the last one the right border's swapped pair.
