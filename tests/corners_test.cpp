@@ -1,6 +1,6 @@
-// The corner detector: corners where synthetic scenes have them, the spacing and ordering rules,
-// the cases that yield nothing, the whole output against the rule composed from the exported
-// primitives, and its kernels against the scalar ones.
+// The corner detector: corners where synthetic scenes have them, the spacing and limit rules,
+// the cases that yield nothing, the output against the rule composed from the exported
+// primitives, and the vector kernels.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -23,85 +23,69 @@ namespace {
 using Image = std::vector<uint8_t>;
 
 std::vector<Pointf> Detect(Image img, int w, int h, int minDistance, int maxCorners = 0,
-                           double quality = 0.01) {
+                           double quality = 0.01, int blockSize = 3) {
   std::vector<Pointf> corners;
-  goodFeaturesToTrack(img.data(), corners, w, h, maxCorners, quality, minDistance, 3);
+  goodFeaturesToTrack(img.data(), corners, w, h, maxCorners, quality, minDistance, blockSize);
   return corners;
 }
 
-void Fill(Image& img, int w, int x0, int y0, int x1, int y1, uint8_t value) {
-  for (int y = y0; y < y1; ++y) std::fill(&img[y * w + x0], &img[y * w + x1], value);
-}
-
-Image Scene(int w, int h, uint32_t seed) { return testutil::TexturedImage(w, h, seed); }
-
-int Near(const std::vector<Pointf>& corners, int x, int y, int radius) {
-  return static_cast<int>(std::count_if(corners.begin(), corners.end(), [&](const Pointf& p) {
-    return std::abs(p.x - x) <= radius && std::abs(p.y - y) <= radius;
-  }));
-}
+bool Same(const Pointf& a, const Pointf& b) { return a.x == b.x && a.y == b.y; }
 
 TEST(Corners, FoundAtTheFourCornersOfARectangle) {
   const int w = 40, h = 30;
   Image rect(w * h, 0);
-  Fill(rect, w, 6, 8, 30, 20, 200);
-  const std::vector<Pointf> found = Detect(rect, w, h, 5);
+  for (int y = 8; y < 20; ++y) std::fill(&rect[y * w + 6], &rect[y * w + 30], 200);
+  std::vector<Pointf> found = Detect(rect, w, h, 5);
   ASSERT_EQ(found.size(), 4u);
-  for (const auto& c : {std::pair<int, int>{6, 8}, {29, 8}, {6, 19}, {29, 19}}) {
-    EXPECT_EQ(Near(found, c.first, c.second, 0), 1) << c.first << "," << c.second;
+  for (const Pointf& c : {Pointf{6, 8}, Pointf{29, 8}, Pointf{6, 19}, Pointf{29, 19}}) {
+    EXPECT_EQ(std::count_if(found.begin(), found.end(), [&](Pointf p) { return Same(p, c); }), 1);
   }
 }
 
-// Single bright pixels peak on themselves; the brighter one is the stronger corner.
+// Single bright pixels peak on themselves, the brighter one stronger: at distance 10 (in the
+// next grid cell or the same one) both are kept, one unit closer only the brighter.
 TEST(Corners, KeepExactlyMinDistanceAndDropTheWeakerWhenCloser) {
   const int w = 40, h = 30;
   const struct {
     int bx, by;
     size_t kept;
-  } cases[] = {{20, 10, 2}, {19, 10, 1}, {16, 18, 2}, {16, 17, 1}};  // from (10, 10), distance 10
+  } cases[] = {{20, 10, 2}, {19, 10, 1}, {16, 18, 2}, {16, 17, 1}, {4, 2, 2}, {4, 3, 1}};
   for (const auto& c : cases) {
     Image img(w * h, 0);
     img[10 * w + 10] = 255;
     img[c.by * w + c.bx] = 200;
     const std::vector<Pointf> found = Detect(img, w, h, 10);
     ASSERT_EQ(found.size(), c.kept) << c.bx << "," << c.by;
-    EXPECT_EQ(found[0].x, 10);
-    EXPECT_EQ(found[0].y, 10);
+    EXPECT_TRUE(Same(found[0], Pointf{10, 10}));
   }
 }
 
 TEST(Corners, NoneOnFlatOrTinyImagesOrWithoutAPositiveDistance) {
   EXPECT_TRUE(Detect(Image(40 * 30, 77), 40, 30, 5).empty());
-  for (const auto& size : {std::pair<int, int>{2, 50}, {50, 2}, {1, 1}}) {
-    EXPECT_TRUE(Detect(Scene(size.first, size.second, 1), size.first, size.second, 1).empty());
+  for (const auto& [w, h] : {std::pair<int, int>{2, 50}, {50, 2}, {1, 1}}) {
+    EXPECT_TRUE(Detect(testutil::TexturedImage(w, h, 1), w, h, 1).empty());
   }
-  const Image scene = Scene(64, 48, 2);
+  const Image scene = testutil::TexturedImage(64, 48, 2);
   ASSERT_FALSE(Detect(scene, 64, 48, 1).empty());
   EXPECT_TRUE(Detect(scene, 64, 48, 0).empty());
   EXPECT_TRUE(Detect(scene, 64, 48, -3).empty());
 }
 
 TEST(Corners, MaxCornersCutsTheStrongestPrefixAndZeroOrLessMeansNoLimit) {
-  const Image scene = Scene(96, 64, 3);
+  const Image scene = testutil::TexturedImage(96, 64, 3);
   const std::vector<Pointf> all = Detect(scene, 96, 64, 4);
   ASSERT_GT(all.size(), 10u);
   for (int limit : {0, -1}) EXPECT_EQ(Detect(scene, 96, 64, 4, limit).size(), all.size());
-  const std::vector<Pointf> three = Detect(scene, 96, 64, 4, 3);
-  ASSERT_EQ(three.size(), 3u);
-  for (int i = 0; i < 3; ++i) EXPECT_TRUE(three[i].x == all[i].x && three[i].y == all[i].y);
-
   // Appended, not cleared.
   std::vector<Pointf> corners{{-1, -2}};
   Image copy = scene;
   goodFeaturesToTrack(copy.data(), corners, 96, 64, 3, 0.01, 4, 3);
   ASSERT_EQ(corners.size(), 4u);
   EXPECT_EQ(corners[0].x, -1);
-}
-
-TEST(Corners, GreaterThanPtrIsStrict) {
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(Same(corners[i + 1], all[i]));
+  // The sort's comparator is strict.
   EXPECT_TRUE(greaterThanPtr({0, 0, 2.0f}, {5, 5, 1.0f}));
   EXPECT_FALSE(greaterThanPtr({0, 0, 1.0f}, {5, 5, 1.0f}));
-  EXPECT_FALSE(greaterThanPtr({0, 0, 1.0f}, {5, 5, 2.0f}));
 }
 
 // The candidates of the rule, composed from the exported primitives with full-size maps: the
@@ -119,22 +103,17 @@ std::map<std::pair<int, int>, float> Candidates(Image img, int w, int h, double 
     yy[i] = static_cast<float>(scale * dy[i] * dy[i]);
   }
   medblur(nullptr, xx.data(), xy.data(), yy.data(), w, h, response.data());
-  const float threshold =
-      static_cast<float>(*std::max_element(response.begin(), response.end()) * quality);
-  for (float& r : response) r = r <= threshold ? 0.0f : r;
+  const float cut = static_cast<float>(*std::max_element(response.begin(), response.end()) * quality);
+  for (float& r : response) r = r <= cut ? 0.0f : r;
   dilate(response.data(), dilated.data(), w, h);
   std::map<std::pair<int, int>, float> out;
   for (int y = 1; y < h - 1; ++y) {
     for (int x = 1; x < w - 1; ++x) {
-      const size_t i = static_cast<size_t>(y) * w + x;
-      if (response[i] != 0 && response[i] == dilated[i]) out[{x, y}] = response[i];
+      const float r = response[size_t(y) * w + x];
+      if (r != 0 && r == dilated[size_t(y) * w + x]) out[{x, y}] = r;
     }
   }
   return out;
-}
-
-int64_t Distance2(const Pointf& a, const Pointf& b) {
-  return int64_t{a.x - b.x} * (a.x - b.x) + int64_t{a.y - b.y} * (a.y - b.y);
 }
 
 // Every corner is a candidate, strongest first, at least minDistance from the others, and every
@@ -145,33 +124,31 @@ TEST(Corners, OutputIsTheGreedySpacingOfTheRulesCandidates) {
     double quality;
   } cases[] = {{97, 61, 7, 3, 0.01}, {160, 120, 15, 5, 0.05}, {33, 200, 3, 3, 0.001}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h));
-    const Image img = Scene(c.w, c.h, c.w);
+    SCOPED_TRACE(testing::Message() << c.w << "x" << c.h);
+    const Image img = testutil::TexturedImage(c.w, c.h, c.w);
     const auto candidates = Candidates(img, c.w, c.h, c.quality, c.blockSize);
-    std::vector<Pointf> corners;
-    Image copy = img;
-    goodFeaturesToTrack(copy.data(), corners, c.w, c.h, 0, c.quality, c.minDistance, c.blockSize);
+    const auto corners = Detect(img, c.w, c.h, c.minDistance, 0, c.quality, c.blockSize);
     ASSERT_GT(corners.size(), 5u);
-    const int64_t limit = int64_t{c.minDistance} * c.minDistance;
+    const auto near = [&](const Pointf& a, const Pointf& b) {
+      const int64_t dx = a.x - b.x, dy = a.y - b.y;
+      return dx * dx + dy * dy < int64_t{c.minDistance} * c.minDistance;
+    };
     float previous = INFINITY;
     for (size_t i = 0; i < corners.size(); ++i) {
       const auto it = candidates.find({corners[i].x, corners[i].y});
       ASSERT_NE(it, candidates.end()) << corners[i].x << "," << corners[i].y;
       EXPECT_LE(it->second, previous);
       previous = it->second;
-      for (size_t j = 0; j < i; ++j) EXPECT_GE(Distance2(corners[i], corners[j]), limit);
+      for (size_t j = 0; j < i; ++j) EXPECT_FALSE(near(corners[i], corners[j]));
     }
     for (const auto& [at, response] : candidates) {
       const Pointf p{at.first, at.second};
       EXPECT_TRUE(std::any_of(corners.begin(), corners.end(), [&](const Pointf& q) {
-        return Distance2(p, q) < limit ? candidates.at({q.x, q.y}) >= response
-                                       : (q.x == p.x && q.y == p.y);
+        return near(p, q) ? candidates.at({q.x, q.y}) >= response : Same(p, q);
       })) << p.x << "," << p.y;
     }
   }
 }
-
-// ---- The vector kernels against their scalar definitions ------------------------------------
 
 struct CornerCase {
   int width, height;
