@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -18,7 +19,6 @@
 #include "velmora/homography.h"
 #include "velmora/registration.h"
 #include "velmora/warp.h"
-#include "velmora/yuv.h"
 
 namespace {
 
@@ -147,32 +147,28 @@ TEST(GetSubset, DistinctDrawsAndTheAttemptBudget) {
   for (int i = 0; i < 6; ++i) pts[i] = {double(i), 0.5 * i * i};
   for (int i = 0; i < 12; ++i) line[i] = {2.0 * i, 3.0 * i + 1.0};
   Point2D64f s1[4], s2[4];
-  rng = 77;
+  auto draw = [&](std::vector<Point2D64f>& from, int attempts) {
+    return getSubset(4, s1, s2, attempts, Words(from.data()), Words(from.data()), Words(s1),
+                     Words(s2), static_cast<int>(from.size()));
+  };
   for (int k = 0; k < 50; ++k) {
-    ASSERT_TRUE(getSubset(4, s1, s2, 300, Words(pts.data()), Words(pts.data()), Words(s1),
-                          Words(s2), 6));
-    for (int i = 1; i < 4; ++i) {
-      for (int j = 0; j < i; ++j) EXPECT_NE(s1[i].x, s1[j].x);
-    }
+    ASSERT_TRUE(draw(pts, 300));
+    EXPECT_EQ(std::set<double>({s1[0].x, s1[1].x, s1[2].x, s1[3].x}).size(), 4u);
   }
   // On a line every subset fails; one call of n attempts draws as much as n calls of one.
-  auto on_line = [&](int attempts) {
-    return getSubset(4, s1, s2, attempts, Words(line.data()), Words(line.data()), Words(s1),
-                     Words(s2), 12);
-  };
   for (const int attempts : {1, 2, 300}) {
     rng = 4242;
-    EXPECT_FALSE(on_line(attempts));
+    EXPECT_FALSE(draw(line, attempts));
     const uint64_t one_call = rng;
     rng = 4242;
-    for (int k = 0; k < attempts; ++k) on_line(1);
+    for (int k = 0; k < attempts; ++k) draw(line, 1);
     EXPECT_EQ(one_call, rng) << attempts;
   }
   rng = 4242;
-  EXPECT_FALSE(on_line(0));
+  EXPECT_FALSE(draw(line, 0));
   EXPECT_EQ(rng, 4242u);  // no budget, no draw
   checkPartialSubsets = true;
-  EXPECT_TRUE(on_line(1));
+  EXPECT_TRUE(draw(line, 1));
   checkPartialSubsets = false;
 }
 
@@ -194,20 +190,18 @@ TEST(CheckSubset, CollinearWithinSinglePrecisionEpsilon) {
   checkPartialSubsets = false;
 }
 
+// Identity model, threshold 3: the squared error is compared with 9 after rounding to float.
+// The errors of a perspective model with H[8] = 7, which is not read, against its projection.
 TEST(FindInliers, InclusiveOnTheFloatRoundedErrorWithoutReadingH8) {
-  // Identity model, threshold 3: the squared error is compared with 9 after rounding to float.
   for (const double dx : {3.0, 3.0 + 1e-9, -3.0, 3.000001, 5.0}) {
     Point2D64f a = {10.0, 20.0}, b = {10.0 + dx, 20.0};
-    double h[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
     unsigned char mask = 9;
     const int expected = std::abs(dx) < 3.0000001 ? 1 : 0;
-    EXPECT_EQ(findInliers(&a, &b, h, &mask, 3.0, 1), expected) << dx;
-    EXPECT_EQ(mask, expected);
+    EXPECT_EQ(findInliers(&a, &b, const_cast<double*>(kIdentity), &mask, 3.0, 1), expected);
+    EXPECT_EQ(mask, expected) << dx;
   }
   Planted p = Plant(30, 0.3, 0.0, 9);
-  double h[9];
-  std::memcpy(h, kTrue, sizeof(h));
-  h[8] = 7.0;
+  double h[9] = {kTrue[0], kTrue[1], kTrue[2], kTrue[3], kTrue[4], kTrue[5], kTrue[6], kTrue[7], 7};
   std::vector<float> err(30);
   computeReprojError(p.src.data(), p.dst.data(), h, err.data(), 30);
   for (int i = 0; i < 30; ++i) {
@@ -227,12 +221,10 @@ TEST(RansacIterations, UpdateFigures) {
       {0.995, 0.35, 1000, 27},   // 26.95 rounds up
       {0.995, 0.2, 1000, 10},    // 10.05 rounds down
       {0.995, 0.5, 50, 50},      // capped by the current count
-      {0.995, 0.9, 1000, 1000},  // 52980 needed
       {0.995, 1.0, 1000, 1000},  // no inlier at all: log(1) = 0
       {1.0, 0.5, 1000, 1000},    // certainty: log(DBL_MIN) is far beyond the cap
       {0.0, 0.5, 1000, 0},       // no confidence asked: log(1) = 0
       {NAN, 0.5, 1000, 1000},    // a NaN keeps the budget
-      {0.995, NAN, 1000, 1000},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(RANSACUpdateNumIters(c.p, c.ep, 4, c.max_iters), c.expected) << c.p << " " << c.ep;
@@ -255,19 +247,6 @@ TEST(FindHomography, RecoversAPlantedHomographyAndItsInliers) {
     std::vector<unsigned char> mask(c.count);
     findInliers(p.src.data(), p.dst.data(), h, mask.data(), 3.0, c.count);
     EXPECT_EQ(mask, p.inlier);
-    // The best four-point model takes no outlier; fitted to four noisy pairs it may miss a few
-    // true inliers far from them, which the refit then recovers.
-    rng = 0xFFFFFFFFFFFFFFFFull;
-    std::vector<unsigned char> ransac_mask(c.count, 9);
-    EXPECT_TRUE(runRANSAC(c.count, 4, p.src.data(), p.dst.data(), h, ransac_mask.data(), 3.0,
-                          0.995, 1000));
-    int kept = 0, planted = 0;
-    for (int i = 0; i < c.count; ++i) {
-      EXPECT_LE(ransac_mask[i], p.inlier[i]) << i;
-      kept += ransac_mask[i];
-      planted += p.inlier[i];
-    }
-    EXPECT_GE(kept, planted * 9 / 10);
   }
 }
 
@@ -328,9 +307,7 @@ TEST(RunRansac, ExactPairsStopAfterOneModelAndHandOverNineBytes) {
 }
 
 TEST(Invert, ProductWithTheOriginalIsTheIdentity) {
-  double cases[3][9] = {{2, 0, 0, 0, 4, 0, 0, 0, 8},
-                        {0.5, 0.1, -300, -0.2, 1.7, 40, 1e-3, 3e-4, 0.9},
-                        {-1.3, 0.7, 1.9, 0.2, -0.4, 1.1, 1.6, -0.9, 0.3}};
+  double cases[2][9] = {{2, 0, 0, 0, 4, 0, 0, 0, 8}, {-1.3, 0.7, 1.9, 0.2, -0.4, 1.1, 1.6, -0.9, 0.3}};
   double inv[9];
   for (double* h : cases) {
     invert(h, inv);
@@ -410,53 +387,6 @@ std::string Printed(const double* h, const double* previous) {
   return out.str();
 }
 
-TEST(ImageRegistration, BringsAWarpedCameraFrameBackOntoTheReference) {
-  constexpr int kW = 1920, kH = 1080, kN = kW * kH;
-  Bytes ref = testutil::TexturedImage(kW, kH, 11), chroma = testutil::RandomBytes(kN / 2, 12);
-  ref.insert(ref.end(), chroma.begin(), chroma.end());
-  // The camera turned by 0.4 degrees and moved by (5.5, -3.25) pixels: frame(q) = ref(g(q)),
-  // g on the half-size grid as the warps take it.
-  const double c = std::cos(0.4 * M_PI / 180), s = std::sin(0.4 * M_PI / 180);
-  double g[9] = {c, -s, 5.5 / 2, s, c, -3.25 / 2, 0, 0, 1}, truth[9];
-  Bytes frame(ref.size()), dst(ref.size()), dst1(ref.size());
-  perspectiveWarpYUV_OP(g, ref.data(), frame.data(), kW, kH);
-  invert(g, truth);
-  // Frame features are set A, the reference's set B, both of the half-size luma.
-  Features a, b;
-  for (auto [img, f] : {std::make_pair(&frame, &a), std::make_pair(&ref, &b)}) {
-    Bytes half(kN / 4);
-    NV12AvgScaling(img->data(), half.data(), kW, kH, kW / 2, kH / 2);
-    calImageFeatures(half.data(), f->keypoints, f->descriptors, kW / 2, kH / 2);
-  }
-  const uint64_t seed = rng;
-  double H[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1}, H1[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-  Rect rect{0, 0, kW, kH}, rect1 = rect;
-  char thrown = 0;
-  testing::internal::CaptureStdout();
-  imageRegistration(frame.data(), dst.data(), a.descriptors, b.descriptors, a.keypoints,
-                    b.keypoints, kW, kH, &thrown, &rect, H);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), Printed(H, kIdentity));
-  ASSERT_EQ(thrown, 0);
-  // Some fifty corners give eight pairs of integer points: the estimate strays most at the far
-  // corners of the grid, by up to about two half-grid pixels.
-  for (double y = 0; y <= kH / 2; y += kH / 16) {
-    for (double x = 0; x <= kW / 2; x += kW / 16) {
-      const Point2D64f p = Apply(H, {x, y}), q = Apply(truth, {x, y});
-      EXPECT_LT(std::hypot(p.x - q.x, p.y - q.y), 2.5) << x << "," << y;
-    }
-  }
-  // The planes-apart variant does the same work, silently.
-  rng = seed;
-  testing::internal::CaptureStdout();
-  imageRegistration_1(frame.data(), frame.data() + kN, dst1.data(), dst1.data() + kN,
-                      a.descriptors, b.descriptors, a.keypoints, b.keypoints, kW, kH, &thrown,
-                      &rect1, H1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_TRUE(std::equal(H, H + 9, H1));
-  EXPECT_EQ(dst1, dst);
-  EXPECT_EQ(Edges(rect1), Edges(rect));
-}
-
 TEST(ImageRegistration, OutcomesAtEachThreshold) {
   // On a 200 x 200 frame: n distinct descriptors, A's keypoints those of B moved by (dx, 0) on
   // the 100 x 100 half grid, so the estimate is a shift of dx.
@@ -518,9 +448,18 @@ TEST(ImageRegistration, OutcomesAtEachThreshold) {
     Bytes warped(src.size());  // the frame is warped with the accepted estimate itself
     perspectiveWarpYUV_OP(H, src.data(), warped.data(), kW, kH);
     EXPECT_EQ(dst, warped);
-    thrown = 1;  // a good frame after a thrown one does not clear the flag
-    imageRegistration_1(src.data(), src.data() + kW * kH, dst.data(), dst.data() + kW * kH, same,
-                        b.descriptors, moved, b.keypoints, kW, kH, &thrown, &rect, H);
+    // The planes-apart variant does the same, silently; a thrown flag stays set.
+    Bytes dst1(src.size());
+    double H1[9] = {1, 0, c.previous_h2, 0, 1, 0, 0, 0, 1};
+    Rect rect1{0, 0, kW, kH};
+    thrown = 1;
+    testing::internal::CaptureStdout();
+    imageRegistration_1(src.data(), src.data() + kW * kH, dst1.data(), dst1.data() + kW * kH,
+                        same, b.descriptors, moved, b.keypoints, kW, kH, &thrown, &rect1, H1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_TRUE(std::equal(H, H + 9, H1));
+    EXPECT_EQ(Edges(rect1), Edges(rect));
+    EXPECT_EQ(dst1, dst);
     EXPECT_EQ(thrown, 1);
   }
 }

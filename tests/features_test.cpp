@@ -1,0 +1,423 @@
+// Features: the corner detector, the descriptors and the matcher, each with its worked cases and
+// its vector kernels held to the scalar ones.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "kernel_conformance.h"
+#include "registration/corners.h"
+#include "registration/descriptors.h"
+#include "registration/match.h"
+#include "test_util.h"
+#include "velmora/features.h"
+
+namespace velmora {
+namespace {
+
+using Image = std::vector<uint8_t>;
+constexpr int kLen = 64;
+
+std::vector<Pointf> Detect(Image img, int w, int h, int minDistance, int maxCorners = 0,
+                           double quality = 0.01) {
+  std::vector<Pointf> corners;
+  goodFeaturesToTrack(img.data(), corners, w, h, maxCorners, quality, minDistance, 3);
+  return corners;
+}
+
+std::vector<std::pair<int, int>> Xy(const std::vector<Pointf>& points) {
+  std::vector<std::pair<int, int>> out;
+  for (const Pointf& p : points) out.emplace_back(p.x, p.y);
+  return out;
+}
+
+TEST(Corners, FoundAtTheFourCornersOfARectangle) {
+  const int w = 40, h = 30;
+  Image rect(w * h, 0);
+  for (int y = 8; y < 20; ++y) std::fill(&rect[y * w + 6], &rect[y * w + 30], 200);
+  std::vector<std::pair<int, int>> found = Xy(Detect(rect, w, h, 5));
+  std::sort(found.begin(), found.end());
+  EXPECT_EQ(found, (std::vector<std::pair<int, int>>{{6, 8}, {6, 19}, {29, 8}, {29, 19}}));
+}
+
+// Single bright pixels peak on themselves, the brighter one stronger: at distance 10 (in the
+// same grid cell or a neighbouring one) both are kept, one unit closer only the brighter; a
+// weaker one far away only when its response is above quality times the strongest.
+TEST(Corners, MinDistanceAndQualityKeepOrDropTheWeaker) {
+  const int w = 40, h = 30;
+  const struct {
+    int bx, by, value;
+    double quality;
+    size_t kept;
+  } cases[] = {{20, 10, 200, 0.01, 2}, {19, 10, 200, 0.01, 1}, {16, 18, 200, 0.01, 2},
+               {16, 17, 200, 0.01, 1}, {4, 2, 200, 0.01, 2},   {4, 3, 200, 0.01, 1},
+               {30, 20, 100, 0.1, 2},  {30, 20, 100, 0.2, 1}};  // (100 / 255)^2 = 0.15
+  for (const auto& c : cases) {
+    Image img(w * h, 0);
+    img[10 * w + 10] = 255;
+    img[c.by * w + c.bx] = static_cast<uint8_t>(c.value);
+    const std::vector<Pointf> found = Detect(img, w, h, 10, 0, c.quality);
+    ASSERT_EQ(found.size(), c.kept) << c.bx << "," << c.by << " " << c.quality;
+    EXPECT_TRUE(found[0].x == 10 && found[0].y == 10);
+  }
+}
+
+TEST(Corners, NoneOnFlatOrTinyImagesOrWithoutAPositiveDistance) {
+  EXPECT_TRUE(Detect(Image(40 * 30, 77), 40, 30, 5).empty());
+  for (const auto& [w, h] : {std::pair<int, int>{2, 50}, {50, 2}, {1, 1}}) {
+    EXPECT_TRUE(Detect(testutil::TexturedImage(w, h, 1), w, h, 1).empty());
+  }
+  const Image scene = testutil::TexturedImage(64, 48, 2);
+  ASSERT_FALSE(Detect(scene, 64, 48, 1).empty());
+  EXPECT_TRUE(Detect(scene, 64, 48, 0).empty());
+  EXPECT_TRUE(Detect(scene, 64, 48, -3).empty());
+}
+
+// Candidates strongest first (a distance of 1 keeps them all), each kept unless a kept one lies
+// closer than minDistance, whichever grid cell it is in; maxCorners cuts the prefix, zero or
+// less means no limit; corners are appended, not cleared; the sort's comparator is strict.
+TEST(Corners, GreedySpacingOverAllCandidatesAndLimits) {
+  for (const auto& [w, h, d] : {std::tuple{97, 61, 7}, {160, 120, 15}, {33, 200, 3}}) {
+    const Image img = testutil::TexturedImage(w, h, w);
+    std::vector<Pointf> expected;
+    for (const Pointf& p : Detect(img, w, h, 1)) {
+      if (std::none_of(expected.begin(), expected.end(), [&, d = d](const Pointf& q) {
+            return (p.x - q.x) * (p.x - q.x) + (p.y - q.y) * (p.y - q.y) < d * d;
+          })) {
+        expected.push_back(p);
+      }
+    }
+    ASSERT_GT(expected.size(), 5u);
+    EXPECT_EQ(Xy(Detect(img, w, h, d)), Xy(expected)) << w << "x" << h;
+    EXPECT_EQ(Xy(Detect(img, w, h, d, -1)), Xy(expected));
+    std::vector<Pointf> corners{{-1, -2}};
+    Image copy = img;
+    goodFeaturesToTrack(copy.data(), corners, w, h, 3, 0.01, d, 3);
+    expected.insert(expected.begin(), Pointf{-1, -2});
+    expected.resize(4);
+    EXPECT_EQ(Xy(corners), Xy(expected));
+  }
+  EXPECT_TRUE(greaterThanPtr({0, 0, 2.0f}, {5, 5, 1.0f}));
+  EXPECT_FALSE(greaterThanPtr({0, 0, 1.0f}, {5, 5, 1.0f}));
+}
+
+// Derivatives mostly in their range and sometimes any int32; scales of the usual block sizes,
+// of none (infinite) and zero; a dilated plane equal to the response in many places; a scene for
+// the whole detector, taller than the harness's rows so that the interior has some.
+struct CornerFamily {
+  static constexpr const char* kName = "Corners";
+  using Kernels = CornerKernels;
+  static const Kernels& For(Isa isa) { return CornerKernelsFor(isa); }
+  struct Case {
+    int width, height;
+    std::vector<int32_t> dx, dy;
+    std::vector<float> response, dilated;
+    double scale;
+    float threshold;
+    Image scene;
+  };
+  static Case Make(int w, int h, uint32_t seed) {
+    std::mt19937 rng(seed);
+    const size_t n = static_cast<size_t>(w) * h;
+    Case c{w, h, std::vector<int32_t>(n), std::vector<int32_t>(n),
+                 testutil::RandomFloats(n, seed, 8), {}, 0.0, 0.0f, {}};
+    for (size_t i = 0; i < n; ++i) {
+      c.dx[i] = rng() % 8 ? static_cast<int32_t>(rng() % 2041) - 1020 : static_cast<int32_t>(rng());
+      c.dy[i] = rng() % 8 ? static_cast<int32_t>(rng() % 2041) - 1020 : static_cast<int32_t>(rng());
+    }
+    c.dilated = c.response;
+    const std::vector<float> other = testutil::RandomFloats(n, seed + 1, 4);
+    for (size_t i = 0; i < n; ++i) {
+      if (rng() % 3 == 0) c.dilated[i] = other[i];
+    }
+    const double s3 = 1.0 / (3 * 4.0 * 255.0), s7 = 1.0 / (7 * 4.0 * 255.0);
+    const double scales[] = {s3 * s3, s7 * s7, INFINITY, 0.0};
+    c.scale = scales[rng() % 4];
+    c.threshold = rng() % 4 == 0 ? -1.0f : static_cast<float>(rng() % 3);
+    c.scene = testutil::TexturedImage(w, h * 7, seed);
+    return c;
+  }
+  static std::vector<uint8_t> Run(const Kernels& k, const Case& c) {
+    const size_t n = c.dx.size(), w = c.width;
+    std::vector<float> xx(n), xy(n), yy(n), cut = c.response, maxima;
+    std::vector<int32_t> peaks, xs(w);
+    for (size_t at = 0; at < n; at += w) {
+      k.product_row(c.dx.data() + at, c.dy.data() + at, c.scale, xx.data() + at, xy.data() + at,
+                    yy.data() + at, c.width);
+      for (float start : {0.0f, -0.0f, -INFINITY, NAN}) {
+        maxima.push_back(k.row_max(c.response.data() + at, c.width, start));
+      }
+      const int count =
+          k.peak_row(c.response.data() + at, c.dilated.data() + at, c.width, xs.data());
+      peaks.push_back(count);
+      peaks.insert(peaks.end(), xs.begin(), xs.begin() + count);
+      k.cut_row(cut.data() + at, c.width, c.threshold);
+    }
+    std::vector<Pointf> corners;
+    DetectCorners(k, c.scene.data(), corners, c.width, c.height * 7, 0, 0.01, 2, 3);
+    std::vector<uint8_t> out;
+    for (const auto* v : {&xx, &xy, &yy, &cut, &maxima}) AppendBytes(out, *v);
+    AppendBytes(out, peaks);
+    AppendBytes(out, corners);
+    return out;
+  }
+};
+
+
+std::vector<float> Describe(std::vector<float> img, Pointf pt, int width, int height) {
+  std::vector<float> out(kLen, -1.0f);
+  calcDescriptor(img.data(), pt, 4, 4, out.data(), width, height);
+  return out;
+}
+
+// Orientation runs counter-clockwise from +x with image rows growing downward (dy is up minus
+// down): ramps along +x, up, -x and down put every cell's vote in bins 0, 1, 2 and 3.
+TEST(Descriptor, RampDirectionPicksTheBin) {
+  const int w = 16, h = 16;
+  const struct {
+    float per_x, per_y;
+    int bin;
+  } ramps[] = {{3, 0, 0}, {0, -3, 1}, {-3, 0, 2}, {0, 3, 3}};
+  for (const auto& r : ramps) {
+    std::vector<float> img(w * h);
+    for (int i = 0; i < w * h; ++i) img[i] = 100.0f + r.per_x * (i % w) + r.per_y * (i / w);
+    const std::vector<float> desc = Describe(img, Pointf{8, 8}, w, h);
+    for (int cell = 0; cell < 16; ++cell) {
+      EXPECT_EQ(std::max_element(&desc[cell * 4], &desc[cell * 4 + 4]) - &desc[cell * 4], r.bin);
+    }
+  }
+}
+
+// One sample at about 0.5 degrees: 99.4 % of it stays in bin 0 of its own cell, the rest goes to
+// bin 1 of the preceding interior cell, or nowhere when the own cell is the first one; no bin 3
+// receives anything (the wrap is not applied twice).
+TEST(Descriptor, VoteBelowOneDegreeSpillsIntoThePrecedingCell) {
+  // A 3 x 3 image has one interior pixel, so one sample: dx = 115, dy = 1 (up minus down). The
+  // keypoint puts it at window offset (-2, -2): cells (0, 0) to (1, 1).
+  const std::vector<float> desc = Describe({0, 1, 0, 0, 0, 115, 0, 0, 0}, Pointf{3, 3}, 3, 3);
+  auto at = [&](int a, int b, int bin) { return desc[(a * 4 + b) * 4 + bin]; };
+  const double obin = (std::atan2(1.0, 115.0) * 180.0 / M_PI - 361.0) * 4.0 / 360.0;
+  const double fo = obin - std::floor(obin);  // the share kept in bin 0
+  EXPECT_NEAR(fo, 0.9944, 1e-3);
+  // Cell (1, 1) is the least weighted, so neither it nor its spill is clipped.
+  EXPECT_NEAR(at(1, 0, 1) / at(1, 1, 0), (1.0 - fo) / fo, 1e-5);
+  for (int a = 0; a < 4; ++a) {
+    for (int b = 0; b < 4; ++b) {
+      const bool own = a < 2 && b < 2;
+      EXPECT_EQ(at(a, b, 0) > 0, own) << a << "," << b;
+      // Bin 1 of a cell holds the spill of the next one; (0, 1) and (1, 1) have none after them,
+      // and the spill of (0, 0), the first cell, is lost.
+      EXPECT_EQ(at(a, b, 1) > 0, own && b == 0) << a << "," << b;
+      EXPECT_EQ(at(a, b, 2) + at(a, b, 3), 0.0f);
+    }
+  }
+}
+
+TEST(Descriptor, ByteRangedAndTranslationInvariant) {
+  const int w = 48, h = 36, sx = 7, sy = 3;
+  const std::vector<uint8_t> bytes = testutil::TexturedImage(w, h, 11);
+  std::vector<uint8_t> moved(bytes.size(), 0);
+  for (int y = 0; y + sy < h; ++y) {
+    for (int x = 0; x + sx < w; ++x) moved[(y + sy) * w + x + sx] = bytes[y * w + x];
+  }
+  const std::vector<float> img(bytes.begin(), bytes.end()), img_moved(moved.begin(), moved.end());
+  for (const Pointf& pt : {Pointf{1, 1}, Pointf{0, 0}, Pointf{w - 2, h - 2}, Pointf{w - 1, 5}}) {
+    const std::vector<float> desc = Describe(img, pt, w, h);
+    EXPECT_GT(*std::max_element(desc.begin(), desc.end()), 0.0f) << pt.x << "," << pt.y;
+    for (float v : desc) ASSERT_TRUE(v >= 0.0f && v <= 255.0f) << pt.x << "," << pt.y;
+  }
+  // Only the pixels around the keypoint count, wherever they are.
+  for (const Pointf& pt : {Pointf{10, 10}, Pointf{20, 14}, Pointf{30, 25}}) {
+    EXPECT_EQ(Describe(img, pt, w, h), Describe(img_moved, Pointf{pt.x + sx, pt.y + sy}, w, h));
+  }
+  // A window wholly outside the interior has no samples: all zeros, not NaN.
+  EXPECT_EQ(Describe(img, Pointf{-50, -50}, w, h), std::vector<float>(kLen, 0.0f));
+}
+
+// genDescripter's batch path reproduces calcDescriptor over the image converted to floats,
+// keypoints at the borders and on images smaller than the window. (Its vector kernels are the
+// gradient family's, held to the scalar ones there.)
+TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
+  for (const auto& [w, h] : {std::pair<int, int>{2, 2}, {3, 3}, {5, 4}, {37, 23}, {64, 48}}) {
+    std::vector<uint8_t> bytes = testutil::TexturedImage(w, h, static_cast<uint32_t>(w * h));
+    std::vector<Pointf> keypoints;
+    std::vector<float> expected, got;
+    for (int y = -1; y <= h; y += (h > 8 ? 3 : 1)) {
+      for (int x = -1; x <= w; x += (w > 8 ? 4 : 1)) {
+        keypoints.push_back(Pointf{x, y});
+        const std::vector<float> d =
+            Describe(std::vector<float>(bytes.begin(), bytes.end()), keypoints.back(), w, h);
+        expected.insert(expected.end(), d.begin(), d.end());
+      }
+    }
+    got.resize(expected.size());
+    std::vector<float*> slots;
+    for (size_t i = 0; i < keypoints.size(); ++i) slots.push_back(got.data() + i * kLen);
+    genDescripter(bytes.data(), keypoints, slots, w, h);
+    EXPECT_EQ(std::memcmp(got.data(), expected.data(), got.size() * 4), 0) << w << "x" << h;
+  }
+}
+
+// calImageFeatures and calImageFeatures_1: the detector's corners with their own minimum
+// distances appended to the keypoints already there (not cleared), each described as
+// genDescripter describes it, the input untouched.
+TEST(ImageFeatures, DescribeTheDetectedCornersLikeGenDescripter) {
+  const int w = 320, h = 240;
+  const std::vector<uint8_t> img = testutil::TexturedImage(w, h, 21);
+  for (const int min_distance : {60, 45}) {
+    std::vector<uint8_t> input = img;
+    std::vector<Pointf> keypoints = {Pointf{50, 40}}, corners = keypoints;
+    std::vector<float*> descriptors;
+    if (min_distance == 60) calImageFeatures(input.data(), keypoints, descriptors, w, h);
+    else calImageFeatures_1(input.data(), keypoints, descriptors, w, h);
+    EXPECT_EQ(input, img);
+    goodFeaturesToTrack(input.data(), corners, w, h, 500, 0.01, min_distance, 3);
+    ASSERT_GT(corners.size(), 5u);
+    ASSERT_EQ(keypoints.size(), corners.size()) << min_distance;
+    ASSERT_EQ(descriptors.size(), corners.size());
+    std::vector<float> want(corners.size() * kLen);
+    std::vector<float*> slots;
+    for (size_t i = 0; i < corners.size(); ++i) slots.push_back(want.data() + i * kLen);
+    genDescripter(input.data(), corners, slots, w, h);
+    for (size_t i = 0; i < corners.size(); ++i) {
+      EXPECT_TRUE(keypoints[i].x == corners[i].x && keypoints[i].y == corners[i].y) << i;
+      EXPECT_EQ(std::memcmp(descriptors[i], slots[i], kLen * sizeof(float)), 0) << i;
+      std::free(descriptors[i]);
+    }
+  }
+}
+
+// count descriptors held by value, and the float* view the matcher takes.
+std::vector<float> Values(int count, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> u(0.0f, 255.0f);
+  std::vector<float> values(static_cast<size_t>(count) * kLen);
+  for (float& v : values) v = u(rng);
+  return values;
+}
+std::vector<float*> Ptrs(std::vector<float>& values) {
+  std::vector<float*> ptrs;
+  for (size_t i = 0; i < values.size(); i += kLen) ptrs.push_back(values.data() + i);
+  return ptrs;
+}
+
+TEST(CalDistance, SumsFloatSquaresInDouble) {
+  std::vector<float> a(kLen, 0.0f), b(kLen, 1.0f);
+  EXPECT_EQ(calDistance(a.data(), b.data()), 8.0f);
+  // 4096^2 and then 63 ones: a float sum would lose every one of them (4096); the double sum
+  // keeps them, 16777279 rounds to the float 16777280.
+  b[0] = 4096.0f;
+  EXPECT_EQ(calDistance(a.data(), b.data()), std::sqrt(16777280.0f));
+  EXPECT_EQ(calDistance(b.data(), b.data()), 0.0f);
+}
+
+// Equal distances go to the lowest index; when no distance is below the largest float (NaN
+// descriptors), the match is index 0 at the largest float. The sort's comparator is strict.
+TEST(FindMatch, LowestIndexWinsTies) {
+  std::vector<float> probe = Values(1, 3), others = Values(4, 4);
+  // Candidates 1 and 3 lie at the same distance: mirror images of each other around the probe.
+  for (int k = 0; k < kLen; ++k) {
+    others[1 * kLen + k] = probe[k] + (k % 2 ? 2.0f : -2.0f);
+    others[3 * kLen + k] = probe[k] - (k % 2 ? 2.0f : -2.0f);
+  }
+  std::vector<float*> first = Ptrs(probe), second = Ptrs(others);
+  std::vector<Match> matches;
+  findMatch(first, second, matches);
+  std::fill(probe.begin(), probe.end(), std::numeric_limits<float>::quiet_NaN());
+  findMatch(first, second, matches);
+  ASSERT_EQ(matches.size(), 2u);
+  EXPECT_EQ(matches[0].index2, 1);
+  EXPECT_EQ(matches[0].distance, 16.0f);
+  EXPECT_EQ(matches[1].index2, 0);
+  EXPECT_EQ(matches[1].distance, 3.4028235e38f);
+  EXPECT_TRUE(disSort(Match{5, 0, 1.0f}, Match{0, 5, 2.0f}));
+  EXPECT_FALSE(disSort(Match{0, 0, 2.0f}, Match{0, 0, 2.0f}));
+}
+
+TEST(FindMatch, EmptySetPrintsOneLineAndLeavesMatches) {
+  std::vector<float> values = Values(3, 5);
+  std::vector<float*> some = Ptrs(values), none;
+  for (int empty_side = 0; empty_side < 2; ++empty_side) {
+    std::vector<Match> matches = {Match{1, 2, 3.0f}};
+    testing::internal::CaptureStdout();
+    findMatch(empty_side ? some : none, empty_side ? none : some, matches);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error! Generated descriptor size can not be null. please check.\n");
+    ASSERT_EQ(matches.size(), 1u);
+    EXPECT_EQ(matches[0].distance, 3.0f);
+  }
+}
+
+// One match per descriptor of the first set, appended in its order: the first candidate at the
+// smallest calDistance, bit for bit, at candidate counts that leave every remainder of the panels.
+TEST(FindMatch, NearestByCalDistanceAppendedInOrder) {
+  std::vector<float> first_values = Values(3, 6);
+  std::vector<float*> first = Ptrs(first_values);
+  for (int count = 1; count <= 17; ++count) {
+    std::vector<float> second_values = Values(count, 100 + count);
+    std::vector<float*> second = Ptrs(second_values);
+    std::vector<Match> matches = {Match{-7, -7, -7.0f}};
+    findMatch(first, second, matches);
+    ASSERT_EQ(matches.size(), 4u);
+    EXPECT_EQ(matches[0].index1, -7);
+    for (int i = 0; i < 3; ++i) {
+      std::vector<float> want;
+      for (float* b : second) want.push_back(calDistance(first[i], b));
+      const auto best = std::min_element(want.begin(), want.end());
+      EXPECT_EQ(matches[i + 1].index1, i);
+      EXPECT_EQ(matches[i + 1].index2, best - want.begin()) << count;
+      EXPECT_EQ(std::memcmp(&matches[i + 1].distance, &*best, sizeof(float)), 0) << count;
+    }
+  }
+}
+
+// width candidates against height query descriptors: values across the descriptor range, some
+// equal to the query's (zero terms) and some far beyond it (sums that need the double).
+struct MatchFamily {
+  static constexpr const char* kName = "Match";
+  using Kernels = MatchKernels;
+  static const Kernels& For(Isa isa) { return MatchKernelsFor(isa); }
+  struct Case {
+    int count;
+    std::vector<float> queries;
+    std::vector<float> panels;  // exactly the packed size
+  };
+  static Case Make(int width, int height, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(0.0f, 255.0f);
+    std::uniform_int_distribution<int> pick(0, 9);
+    Case c{width, std::vector<float>(static_cast<size_t>(height) * kLen), {}};
+    for (float& v : c.queries) v = u(rng);
+    std::vector<float> candidates(static_cast<size_t>(width) * kLen);
+    for (size_t i = 0; i < candidates.size(); ++i) {
+      const int p = pick(rng);
+      candidates[i] = p == 0 ? c.queries[i % kLen] : p == 1 ? u(rng) * 1e4f : u(rng);
+    }
+    float* packed = PackPanels(Ptrs(candidates).data(), width);
+    c.panels.assign(packed, packed + (width + kPanel - 1) / kPanel * kPanelFloats);
+    std::free(packed);
+    return c;
+  }
+  static std::vector<uint8_t> Run(const Kernels& kernels, const Case& c) {
+    std::vector<uint8_t> out;
+    for (size_t q = 0; q < c.queries.size(); q += kLen) {
+      std::vector<float> dist(c.count, -1.0f);
+      kernels.distances(c.queries.data() + q, c.panels.data(), c.count, dist.data());
+      AppendBytes(out, dist);
+    }
+    return out;
+  }
+};
+
+TEST_P(KernelConformance, Corners) { ExpectMatchesScalar<CornerFamily>(GetParam()); }
+TEST_P(KernelConformance, Match) { ExpectMatchesScalar<MatchFamily>(GetParam()); }
+
+}  // namespace
+}  // namespace velmora
