@@ -1,5 +1,5 @@
-// Features: the corner detector, the descriptors and the matcher, each with its worked cases and
-// its vector kernels held to the scalar ones.
+// Gradient primitives and features (corners, descriptors, matching): worked values, the orders
+// and comparisons that make them exact, the quirks, and each vector kernel family.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,21 +9,127 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <tuple>
 #include <utility>
 #include <vector>
 
+#include "filters/gradient_kernels.h"
 #include "kernel_conformance.h"
 #include "registration/corners.h"
-#include "registration/descriptors.h"
 #include "registration/match.h"
 #include "test_util.h"
 #include "velmora/features.h"
+#include "velmora/filters.h"
 
 namespace velmora {
 namespace {
 
 using Image = std::vector<uint8_t>;
+using Floats = std::vector<float>;
 constexpr int kLen = 64;
+const float kNan = std::numeric_limits<float>::quiet_NaN();
+
+uint32_t Bits(float f) {
+  uint32_t b;
+  std::memcpy(&b, &f, 4);
+  return b;
+}
+
+TEST(Arctan, TakesThePolynomialsValues) {
+  const struct {
+    float y, x, degrees;
+  } cases[] = {{0, 0, 0},          {1, 0, 90},           {0, -1, 180},       {-1, 0, 270},
+               {1, 1, 44.990456f}, {-1, -1, 224.99045f}, {1, 2, 26.567104f}, {-3, 4, 323.1363f},
+               {-0.0f, -1, 180}};  // negative zero is not negative
+  for (const auto& c : cases) {
+    float y = c.y, x = c.x, out = -1;
+    calcArctan(&y, &x, &out, 1);
+    EXPECT_EQ(Bits(out), Bits(c.degrees)) << c.y << ", " << c.x;
+    EXPECT_EQ(Bits(Arctan_(c.y, c.x)), Bits(c.degrees));
+  }
+}
+
+// Counts below one write nothing. An output overlapping its input by part of an array sees the
+// values already written, as the element-by-element rule does: no vector path reads ahead.
+TEST(ElementWise, RulesCountsAndPartlyOverlappingOutput) {
+  float a[2] = {3, 1e20f}, out[2] = {7, 7};
+  calcArctan(a, a, out, 0);
+  calcMagnitude(a, a, out, -1);
+  calcExp(a, out, 0);
+  EXPECT_EQ(out[0], 7);
+  calcExp(a, out, 1);
+  EXPECT_EQ(out[0], expf(3.0f));
+  EXPECT_EQ(Magnitude_(3, 4), 5);
+  EXPECT_EQ(Magnitude_(1e20f, 1e20f), INFINITY);  // the squares overflow single precision
+  for (int count : {9, 40}) {
+    Floats y = testutil::RandomFloats(count + 1, count, 1000),
+           x = testutil::RandomFloats(count, count + 1, 1000), expected = y;
+    for (int i = 0; i < count; ++i) expected[i + 1] = Arctan_(expected[i], x[i]);
+    calcArctan(y.data(), x.data(), y.data() + 1, count);
+    for (int i = 0; i <= count; ++i) EXPECT_EQ(Bits(y[i]), Bits(expected[i])) << i;
+  }
+}
+
+// Ramps give 8 per unit of slope, positive to the right and downward; borders stay unwritten,
+// and so does everything below three rows or columns, for all three 3x3 operators.
+TEST(ThreeByThree, SobelRampsAndUntouchedBorders) {
+  const int w = 7, h = 5;
+  Image ramp(w * h);
+  for (int i = 0; i < w * h; ++i) ramp[i] = static_cast<uint8_t>(i % w + 3 * (i / w));
+  std::vector<int> gx(w * h, -99), gy(w * h, -99);
+  sobel(ramp.data(), gx.data(), gy.data(), w, h);
+  for (int i = 0; i < w * h; ++i) {
+    const bool border = i < w || i >= w * (h - 1) || i % w == 0 || i % w == w - 1;
+    EXPECT_EQ(std::make_pair(gx[i], gy[i]), border ? std::make_pair(-99, -99) : std::make_pair(8, 24));
+  }
+  for (const auto& [sw, sh] : {std::pair<int, int>{2, 9}, {9, 2}, {0, 0}}) {
+    std::vector<int> g(18, -1);
+    Floats f(18, 1.0f), out(18, -1.0f);
+    sobel(ramp.data(), g.data(), g.data(), sw, sh);
+    medblur(nullptr, f.data(), f.data(), f.data(), sw, sh, out.data());
+    dilate(f.data(), out.data(), sw, sh);
+    EXPECT_EQ(g, std::vector<int>(18, -1));
+    EXPECT_EQ(out, Floats(18, -1.0f));
+  }
+}
+
+// The smaller eigenvalue of the 3x3 box sums: constant planes with sxy = 0 give 9 times the
+// smaller constant, sxy adds the off-diagonal; the first argument is never read (nullptr); the
+// sums start from +0 (planes of -0 give +0).
+TEST(Medblur, SmallerEigenvalueOfTheBoxSumsInColumnOrder) {
+  const struct {
+    float xx, xy, yy, expected;
+  } cases[] = {{2, 0, 5, 18}, {5, 0, 2, 18}, {1, 0.5f, 1, 4.5f}, {3, -1, 3, 18}, {-0.f, -0.f, -0.f, 0}};
+  for (const auto& c : cases) {
+    Floats xx(12, c.xx), xy(12, c.xy), yy(12, c.yy), out(12, -7);
+    medblur(nullptr, xx.data(), xy.data(), yy.data(), 4, 3, out.data());
+    for (int i = 0; i < 12; ++i) {
+      EXPECT_EQ(Bits(out[i]), Bits(i == 5 || i == 6 ? c.expected : -7.0f)) << c.xx << " " << i;
+    }
+  }
+  // Right column top to bottom, then centre, then left: 1e8 absorbs the fours before -1e8
+  // cancels it (a row-major or bottom-up order keeps 8). With sxy = 0 the response is the sum.
+  Floats plane = {0, -1e8f, 1e8f, 0, 0, 4, 0, 0, 4}, zero(9, 0.0f), out(9, -1);
+  medblur(nullptr, plane.data(), zero.data(), plane.data(), 3, 3, out.data());
+  EXPECT_EQ(out[4], 0.0f);
+}
+
+TEST(Dilate, RunsItsOrderWithAStrictComparison) {
+  const float z = -0.0f;
+  // The single interior pixel's neighbourhood, row-major; the running order starts top-right.
+  const std::pair<Floats, float> cases[] = {
+      {{1, 2, 3, 4, 9, 5, 6, 7, 8}, 9},
+      {{1, 2, kNan, 4, 9, 5, 6, 7, 8}, kNan},  // a NaN first is never replaced
+      {{1, 2, 3, 4, kNan, 5, 6, 7, 8}, 8},     // a NaN later is never taken
+      {{0, 0, z, 0, 0, 0, 0, 0, 0}, z},        // +0 is not greater than -0
+      {{z, z, 0, z, z, z, z, z, z}, 0}};
+  for (auto [in, expected] : cases) {
+    Floats out(9, -5);
+    dilate(in.data(), out.data(), 3, 3);
+    EXPECT_EQ(Bits(out[4]), Bits(expected));
+    EXPECT_EQ(out[0], -5);
+  }
+}
 
 std::vector<Pointf> Detect(Image img, int w, int h, int minDistance, int maxCorners = 0,
                            double quality = 0.01) {
@@ -69,6 +175,8 @@ TEST(Corners, MinDistanceAndQualityKeepOrDropTheWeaker) {
   }
 }
 
+// Flat or tiny images give nothing, and so does a distance of zero or less: spacing is the only
+// path to the output.
 TEST(Corners, NoneOnFlatOrTinyImagesOrWithoutAPositiveDistance) {
   EXPECT_TRUE(Detect(Image(40 * 30, 77), 40, 30, 5).empty());
   for (const auto& [w, h] : {std::pair<int, int>{2, 50}, {50, 2}, {1, 1}}) {
@@ -107,6 +215,241 @@ TEST(Corners, GreedySpacingOverAllCandidatesAndLimits) {
   EXPECT_TRUE(greaterThanPtr({0, 0, 2.0f}, {5, 5, 1.0f}));
   EXPECT_FALSE(greaterThanPtr({0, 0, 1.0f}, {5, 5, 1.0f}));
 }
+
+Floats Describe(Floats img, Pointf pt, int width, int height) {
+  Floats out(kLen, -1.0f);
+  calcDescriptor(img.data(), pt, 4, 4, out.data(), width, height);
+  return out;
+}
+
+// Orientation runs counter-clockwise from +x with image rows growing downward (dy is up minus
+// down): ramps along +x, up, -x and down put every cell's vote in bins 0, 1, 2 and 3.
+TEST(Descriptor, RampDirectionPicksTheBin) {
+  for (const auto& [per_x, per_y, bin] : {std::tuple{3, 0, 0}, {0, -3, 1}, {-3, 0, 2}, {0, 3, 3}}) {
+    Floats img(16 * 16);
+    for (int i = 0; i < 16 * 16; ++i) img[i] = 100.0f + per_x * (i % 16) + per_y * (i / 16);
+    const Floats desc = Describe(img, Pointf{8, 8}, 16, 16);
+    for (int cell = 0; cell < 16; ++cell) {
+      EXPECT_EQ(std::max_element(&desc[cell * 4], &desc[cell * 4 + 4]) - &desc[cell * 4], bin);
+    }
+  }
+}
+
+// One sample at about 0.5 degrees: 99.4 % of it stays in bin 0 of its own cell, the rest goes to
+// bin 1 of the preceding interior cell, or nowhere when the own cell is the first one; no bin 3
+// receives anything (the wrap is not applied twice).
+TEST(Descriptor, VoteBelowOneDegreeSpillsIntoThePrecedingCell) {
+  // A 3 x 3 image has one interior pixel, so one sample: dx = 115, dy = 1 (up minus down). The
+  // keypoint puts it at window offset (-2, -2): cells (0, 0) to (1, 1).
+  const Floats desc = Describe({0, 1, 0, 0, 0, 115, 0, 0, 0}, Pointf{3, 3}, 3, 3);
+  auto at = [&](int a, int b, int bin) { return desc[(a * 4 + b) * 4 + bin]; };
+  const double obin = (std::atan2(1.0, 115.0) * 180.0 / M_PI - 361.0) * 4.0 / 360.0;
+  const double fo = obin - std::floor(obin);  // the share kept in bin 0, about 0.9944
+  // Cell (1, 1) is the least weighted, so neither it nor its spill is clipped.
+  EXPECT_NEAR(at(1, 0, 1) / at(1, 1, 0), (1.0 - fo) / fo, 1e-5);
+  for (int a = 0; a < 4; ++a) {
+    for (int b = 0; b < 4; ++b) {
+      const bool own = a < 2 && b < 2;
+      EXPECT_EQ(at(a, b, 0) > 0, own) << a << "," << b;
+      // Bin 1 of a cell holds the spill of the next one; (0, 1) and (1, 1) have none after them,
+      // and the spill of (0, 0), the first cell, is lost.
+      EXPECT_EQ(at(a, b, 1) > 0, own && b == 0) << a << "," << b;
+      EXPECT_EQ(at(a, b, 2) + at(a, b, 3), 0.0f);
+    }
+  }
+}
+
+// Values in [0, 255]; only the pixels around the keypoint count, wherever they are; a window
+// wholly outside the interior has no samples and gives zeros, not NaN.
+TEST(Descriptor, ByteRangedAndTranslationInvariant) {
+  const int w = 48, h = 36, sx = 7, sy = 3;
+  const Image bytes = testutil::TexturedImage(w, h, 11);
+  Image moved(bytes.size(), 0);
+  for (int y = 0; y + sy < h; ++y) {
+    for (int x = 0; x + sx < w; ++x) moved[(y + sy) * w + x + sx] = bytes[y * w + x];
+  }
+  const Floats img(bytes.begin(), bytes.end()), img_moved(moved.begin(), moved.end());
+  for (const Pointf& pt : {Pointf{1, 1}, Pointf{0, 0}, Pointf{w - 2, h - 2}, Pointf{w - 1, 5}}) {
+    const Floats desc = Describe(img, pt, w, h);
+    EXPECT_GT(*std::max_element(desc.begin(), desc.end()), 0.0f) << pt.x << "," << pt.y;
+    for (float v : desc) ASSERT_TRUE(v >= 0.0f && v <= 255.0f) << pt.x << "," << pt.y;
+  }
+  for (const Pointf& pt : {Pointf{10, 10}, Pointf{20, 14}, Pointf{30, 25}}) {
+    EXPECT_EQ(Describe(img, pt, w, h), Describe(img_moved, Pointf{pt.x + sx, pt.y + sy}, w, h));
+  }
+  EXPECT_EQ(Describe(img, Pointf{-50, -50}, w, h), Floats(kLen, 0.0f));
+}
+
+// genDescripter's batch path (vector kernels of the gradient family) reproduces calcDescriptor
+// bit for bit, keypoints at the borders and on images smaller than the window.
+TEST(Descriptor, BatchPathEqualsCalcDescriptor) {
+  for (const auto& [w, h] : {std::pair<int, int>{2, 2}, {3, 3}, {5, 4}, {37, 23}, {64, 48}}) {
+    Image bytes = testutil::TexturedImage(w, h, static_cast<uint32_t>(w * h));
+    std::vector<Pointf> keypoints;
+    Floats expected, got;
+    for (int y = -1; y <= h; y += (h > 8 ? 3 : 1)) {
+      for (int x = -1; x <= w; x += (w > 8 ? 4 : 1)) {
+        keypoints.push_back(Pointf{x, y});
+        const Floats d = Describe(Floats(bytes.begin(), bytes.end()), keypoints.back(), w, h);
+        expected.insert(expected.end(), d.begin(), d.end());
+      }
+    }
+    got.resize(expected.size());
+    std::vector<float*> slots;
+    for (size_t i = 0; i < keypoints.size(); ++i) slots.push_back(got.data() + i * kLen);
+    genDescripter(bytes.data(), keypoints, slots, w, h);
+    EXPECT_EQ(std::memcmp(got.data(), expected.data(), got.size() * 4), 0) << w << "x" << h;
+  }
+}
+
+// calImageFeatures and calImageFeatures_1: the detector's corners with their own minimum
+// distances appended to the keypoints already there (not cleared), each described as
+// genDescripter describes it, the input untouched.
+TEST(ImageFeatures, DescribeTheDetectedCornersLikeGenDescripter) {
+  const int w = 320, h = 240;
+  const Image img = testutil::TexturedImage(w, h, 21);
+  for (const int min_distance : {60, 45}) {
+    Image input = img;
+    std::vector<Pointf> keypoints = {Pointf{50, 40}}, corners = keypoints;
+    std::vector<float*> descriptors;
+    if (min_distance == 60) calImageFeatures(input.data(), keypoints, descriptors, w, h);
+    else calImageFeatures_1(input.data(), keypoints, descriptors, w, h);
+    EXPECT_EQ(input, img);
+    goodFeaturesToTrack(input.data(), corners, w, h, 500, 0.01, min_distance, 3);
+    ASSERT_GT(corners.size(), 5u);
+    ASSERT_EQ(Xy(keypoints), Xy(corners)) << min_distance;
+    ASSERT_EQ(descriptors.size(), corners.size());
+    Floats want(corners.size() * kLen);
+    std::vector<float*> slots;
+    for (size_t i = 0; i < corners.size(); ++i) slots.push_back(want.data() + i * kLen);
+    genDescripter(input.data(), corners, slots, w, h);
+    for (size_t i = 0; i < corners.size(); ++i) {
+      EXPECT_EQ(std::memcmp(descriptors[i], slots[i], kLen * sizeof(float)), 0) << i;
+      std::free(descriptors[i]);
+    }
+  }
+}
+
+// count descriptors held by value, and the float* view the matcher takes.
+Floats Values(int count, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> u(0.0f, 255.0f);
+  Floats values(static_cast<size_t>(count) * kLen);
+  for (float& v : values) v = u(rng);
+  return values;
+}
+std::vector<float*> Ptrs(Floats& values) {
+  std::vector<float*> ptrs;
+  for (size_t i = 0; i < values.size(); i += kLen) ptrs.push_back(values.data() + i);
+  return ptrs;
+}
+
+TEST(CalDistance, SumsFloatSquaresInDouble) {
+  Floats a(kLen, 0.0f), b(kLen, 1.0f);
+  EXPECT_EQ(calDistance(a.data(), b.data()), 8.0f);
+  // 4096^2 and then 63 ones: a float sum would lose every one of them (4096); the double sum
+  // keeps them, 16777279 rounds to the float 16777280.
+  b[0] = 4096.0f;
+  EXPECT_EQ(calDistance(a.data(), b.data()), std::sqrt(16777280.0f));
+  EXPECT_EQ(calDistance(b.data(), b.data()), 0.0f);
+}
+
+// One match per descriptor of the first set, appended in its order: the first candidate at the
+// smallest calDistance, bit for bit, at candidate counts that leave every remainder of the
+// panels. Descriptor 0 has two candidates at distance 16 (mirror images around it, 1 and 3): the
+// lower index wins. Descriptor 2 is NaN: nothing is below the largest float, so index 0.
+TEST(FindMatch, NearestByCalDistanceLowestIndexFirst) {
+  Floats first_values = Values(3, 6);
+  std::fill(first_values.begin() + 2 * kLen, first_values.end(), kNan);
+  std::vector<float*> first = Ptrs(first_values);
+  for (int count = 1; count <= 17; ++count) {
+    Floats second_values = Values(count, 100 + count);
+    for (int k = 0; k < kLen && count > 3; ++k) {
+      second_values[1 * kLen + k] = first_values[k] + (k % 2 ? 2.0f : -2.0f);
+      second_values[3 * kLen + k] = first_values[k] - (k % 2 ? 2.0f : -2.0f);
+    }
+    std::vector<float*> second = Ptrs(second_values);
+    std::vector<Match> matches = {Match{-7, -7, -7.0f}};
+    findMatch(first, second, matches);
+    ASSERT_EQ(matches.size(), 4u);
+    EXPECT_EQ(matches[0].index1, -7);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(matches[i + 1].index1, i);
+    for (int i = 0; i < 2; ++i) {
+      Floats want;
+      for (float* b : second) want.push_back(calDistance(first[i], b));
+      const auto best = std::min_element(want.begin(), want.end());
+      EXPECT_EQ(matches[i + 1].index2, best - want.begin()) << count;
+      EXPECT_EQ(Bits(matches[i + 1].distance), Bits(*best)) << count;
+    }
+    if (count > 3) EXPECT_EQ(std::make_pair(matches[1].index2, matches[1].distance), std::make_pair(1, 16.0f));
+    EXPECT_EQ(std::make_pair(matches[3].index2, matches[3].distance), std::make_pair(0, 3.4028235e38f));
+  }
+  EXPECT_TRUE(disSort(Match{5, 0, 1.0f}, Match{0, 5, 2.0f}));
+  EXPECT_FALSE(disSort(Match{0, 0, 2.0f}, Match{0, 0, 2.0f}));
+}
+
+TEST(FindMatch, EmptySetPrintsOneLineAndLeavesMatches) {
+  Floats values = Values(3, 5);
+  std::vector<float*> some = Ptrs(values), none;
+  for (int empty_side = 0; empty_side < 2; ++empty_side) {
+    std::vector<Match> matches = {Match{1, 2, 3.0f}};
+    testing::internal::CaptureStdout();
+    findMatch(empty_side ? some : none, empty_side ? none : some, matches);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error! Generated descriptor size can not be null. please check.\n");
+    EXPECT_EQ(matches.size(), 1u);
+  }
+}
+
+// Bytes with the extremes over-represented and floats mostly ordinary (so that the nine-term
+// sums are not all NaN). Each row kernel runs over every interior row of planes that start from
+// a fixed fill; the element kernels over whole arrays, apart and in place over either input.
+struct GradientFamily {
+  static constexpr const char* kName = "Gradient";
+  using Kernels = GradientKernels;
+  static const Kernels& For(Isa isa) { return GradientKernelsFor(isa); }
+  struct Case {
+    int width, height;
+    std::vector<uint8_t> bytes;
+    std::vector<float> a, b, c;
+  };
+  static Case Make(int w, int h, uint32_t seed) {
+    const size_t n = static_cast<size_t>(w) * h;
+    std::mt19937 rng(seed);
+    Case c{w, h, std::vector<uint8_t>(n), testutil::RandomFloats(n, seed + 1, 60),
+           testutil::RandomFloats(n, seed + 2, 60), testutil::RandomFloats(n, seed + 3, 60)};
+    for (uint8_t& v : c.bytes) v = static_cast<uint8_t>(rng() % 4 == 0 ? 255 * (rng() % 2) : rng());
+    return c;
+  }
+  static std::vector<uint8_t> Run(const Kernels& k, const Case& c) {
+    const size_t w = c.width, n = w * c.height;
+    std::vector<int32_t> gx(n, 0x5A5A), gy(n, 0x5A5A);
+    std::vector<float> eigen(n, 77.0f), dilated(n, 77.0f);
+    for (int r = 1; r + 1 < c.height; ++r) {
+      const size_t at = w * r;
+      const uint8_t* row = c.bytes.data() + at;
+      k.sobel_row(row - w, row, row + w, gx.data() + at, gy.data() + at, c.width);
+      const float *a = c.a.data() + at, *b = c.b.data() + at, *d = c.c.data() + at;
+      k.min_eigen_row({a - w, a, a + w}, {b - w, b, b + w}, {d - w, d, d + w}, eigen.data() + at,
+                      c.width);
+      k.dilate_row({a - w, a, a + w}, dilated.data() + at, c.width);
+    }
+    const int count = static_cast<int>(n);
+    std::vector<float> angle(n), first = c.a, second = c.b, length(n), in_place = c.a;
+    k.arctan(c.a.data(), c.b.data(), angle.data(), count);
+    k.arctan(first.data(), c.b.data(), first.data(), count);
+    k.arctan(c.a.data(), second.data(), second.data(), count);
+    k.magnitude(c.a.data(), c.b.data(), length.data(), count);
+    k.magnitude(in_place.data(), c.b.data(), in_place.data(), count);
+    std::vector<uint8_t> out;
+    AppendBytes(out, gx);
+    AppendBytes(out, gy);
+    for (const auto* v : {&eigen, &dilated, &angle, &first, &second, &length, &in_place}) {
+      AppendBytes(out, *v);
+    }
+    return out;
+  }
+};
 
 // Derivatives mostly in their range and sometimes any int32; scales of the usual block sizes,
 // of none (infinite) and zero; a dilated plane equal to the response in many places; a scene for
@@ -170,214 +513,6 @@ struct CornerFamily {
   }
 };
 
-
-std::vector<float> Describe(std::vector<float> img, Pointf pt, int width, int height) {
-  std::vector<float> out(kLen, -1.0f);
-  calcDescriptor(img.data(), pt, 4, 4, out.data(), width, height);
-  return out;
-}
-
-// Orientation runs counter-clockwise from +x with image rows growing downward (dy is up minus
-// down): ramps along +x, up, -x and down put every cell's vote in bins 0, 1, 2 and 3.
-TEST(Descriptor, RampDirectionPicksTheBin) {
-  const int w = 16, h = 16;
-  const struct {
-    float per_x, per_y;
-    int bin;
-  } ramps[] = {{3, 0, 0}, {0, -3, 1}, {-3, 0, 2}, {0, 3, 3}};
-  for (const auto& r : ramps) {
-    std::vector<float> img(w * h);
-    for (int i = 0; i < w * h; ++i) img[i] = 100.0f + r.per_x * (i % w) + r.per_y * (i / w);
-    const std::vector<float> desc = Describe(img, Pointf{8, 8}, w, h);
-    for (int cell = 0; cell < 16; ++cell) {
-      EXPECT_EQ(std::max_element(&desc[cell * 4], &desc[cell * 4 + 4]) - &desc[cell * 4], r.bin);
-    }
-  }
-}
-
-// One sample at about 0.5 degrees: 99.4 % of it stays in bin 0 of its own cell, the rest goes to
-// bin 1 of the preceding interior cell, or nowhere when the own cell is the first one; no bin 3
-// receives anything (the wrap is not applied twice).
-TEST(Descriptor, VoteBelowOneDegreeSpillsIntoThePrecedingCell) {
-  // A 3 x 3 image has one interior pixel, so one sample: dx = 115, dy = 1 (up minus down). The
-  // keypoint puts it at window offset (-2, -2): cells (0, 0) to (1, 1).
-  const std::vector<float> desc = Describe({0, 1, 0, 0, 0, 115, 0, 0, 0}, Pointf{3, 3}, 3, 3);
-  auto at = [&](int a, int b, int bin) { return desc[(a * 4 + b) * 4 + bin]; };
-  const double obin = (std::atan2(1.0, 115.0) * 180.0 / M_PI - 361.0) * 4.0 / 360.0;
-  const double fo = obin - std::floor(obin);  // the share kept in bin 0
-  EXPECT_NEAR(fo, 0.9944, 1e-3);
-  // Cell (1, 1) is the least weighted, so neither it nor its spill is clipped.
-  EXPECT_NEAR(at(1, 0, 1) / at(1, 1, 0), (1.0 - fo) / fo, 1e-5);
-  for (int a = 0; a < 4; ++a) {
-    for (int b = 0; b < 4; ++b) {
-      const bool own = a < 2 && b < 2;
-      EXPECT_EQ(at(a, b, 0) > 0, own) << a << "," << b;
-      // Bin 1 of a cell holds the spill of the next one; (0, 1) and (1, 1) have none after them,
-      // and the spill of (0, 0), the first cell, is lost.
-      EXPECT_EQ(at(a, b, 1) > 0, own && b == 0) << a << "," << b;
-      EXPECT_EQ(at(a, b, 2) + at(a, b, 3), 0.0f);
-    }
-  }
-}
-
-TEST(Descriptor, ByteRangedAndTranslationInvariant) {
-  const int w = 48, h = 36, sx = 7, sy = 3;
-  const std::vector<uint8_t> bytes = testutil::TexturedImage(w, h, 11);
-  std::vector<uint8_t> moved(bytes.size(), 0);
-  for (int y = 0; y + sy < h; ++y) {
-    for (int x = 0; x + sx < w; ++x) moved[(y + sy) * w + x + sx] = bytes[y * w + x];
-  }
-  const std::vector<float> img(bytes.begin(), bytes.end()), img_moved(moved.begin(), moved.end());
-  for (const Pointf& pt : {Pointf{1, 1}, Pointf{0, 0}, Pointf{w - 2, h - 2}, Pointf{w - 1, 5}}) {
-    const std::vector<float> desc = Describe(img, pt, w, h);
-    EXPECT_GT(*std::max_element(desc.begin(), desc.end()), 0.0f) << pt.x << "," << pt.y;
-    for (float v : desc) ASSERT_TRUE(v >= 0.0f && v <= 255.0f) << pt.x << "," << pt.y;
-  }
-  // Only the pixels around the keypoint count, wherever they are.
-  for (const Pointf& pt : {Pointf{10, 10}, Pointf{20, 14}, Pointf{30, 25}}) {
-    EXPECT_EQ(Describe(img, pt, w, h), Describe(img_moved, Pointf{pt.x + sx, pt.y + sy}, w, h));
-  }
-  // A window wholly outside the interior has no samples: all zeros, not NaN.
-  EXPECT_EQ(Describe(img, Pointf{-50, -50}, w, h), std::vector<float>(kLen, 0.0f));
-}
-
-// genDescripter's batch path reproduces calcDescriptor over the image converted to floats,
-// keypoints at the borders and on images smaller than the window. (Its vector kernels are the
-// gradient family's, held to the scalar ones there.)
-TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
-  for (const auto& [w, h] : {std::pair<int, int>{2, 2}, {3, 3}, {5, 4}, {37, 23}, {64, 48}}) {
-    std::vector<uint8_t> bytes = testutil::TexturedImage(w, h, static_cast<uint32_t>(w * h));
-    std::vector<Pointf> keypoints;
-    std::vector<float> expected, got;
-    for (int y = -1; y <= h; y += (h > 8 ? 3 : 1)) {
-      for (int x = -1; x <= w; x += (w > 8 ? 4 : 1)) {
-        keypoints.push_back(Pointf{x, y});
-        const std::vector<float> d =
-            Describe(std::vector<float>(bytes.begin(), bytes.end()), keypoints.back(), w, h);
-        expected.insert(expected.end(), d.begin(), d.end());
-      }
-    }
-    got.resize(expected.size());
-    std::vector<float*> slots;
-    for (size_t i = 0; i < keypoints.size(); ++i) slots.push_back(got.data() + i * kLen);
-    genDescripter(bytes.data(), keypoints, slots, w, h);
-    EXPECT_EQ(std::memcmp(got.data(), expected.data(), got.size() * 4), 0) << w << "x" << h;
-  }
-}
-
-// calImageFeatures and calImageFeatures_1: the detector's corners with their own minimum
-// distances appended to the keypoints already there (not cleared), each described as
-// genDescripter describes it, the input untouched.
-TEST(ImageFeatures, DescribeTheDetectedCornersLikeGenDescripter) {
-  const int w = 320, h = 240;
-  const std::vector<uint8_t> img = testutil::TexturedImage(w, h, 21);
-  for (const int min_distance : {60, 45}) {
-    std::vector<uint8_t> input = img;
-    std::vector<Pointf> keypoints = {Pointf{50, 40}}, corners = keypoints;
-    std::vector<float*> descriptors;
-    if (min_distance == 60) calImageFeatures(input.data(), keypoints, descriptors, w, h);
-    else calImageFeatures_1(input.data(), keypoints, descriptors, w, h);
-    EXPECT_EQ(input, img);
-    goodFeaturesToTrack(input.data(), corners, w, h, 500, 0.01, min_distance, 3);
-    ASSERT_GT(corners.size(), 5u);
-    ASSERT_EQ(keypoints.size(), corners.size()) << min_distance;
-    ASSERT_EQ(descriptors.size(), corners.size());
-    std::vector<float> want(corners.size() * kLen);
-    std::vector<float*> slots;
-    for (size_t i = 0; i < corners.size(); ++i) slots.push_back(want.data() + i * kLen);
-    genDescripter(input.data(), corners, slots, w, h);
-    for (size_t i = 0; i < corners.size(); ++i) {
-      EXPECT_TRUE(keypoints[i].x == corners[i].x && keypoints[i].y == corners[i].y) << i;
-      EXPECT_EQ(std::memcmp(descriptors[i], slots[i], kLen * sizeof(float)), 0) << i;
-      std::free(descriptors[i]);
-    }
-  }
-}
-
-// count descriptors held by value, and the float* view the matcher takes.
-std::vector<float> Values(int count, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> u(0.0f, 255.0f);
-  std::vector<float> values(static_cast<size_t>(count) * kLen);
-  for (float& v : values) v = u(rng);
-  return values;
-}
-std::vector<float*> Ptrs(std::vector<float>& values) {
-  std::vector<float*> ptrs;
-  for (size_t i = 0; i < values.size(); i += kLen) ptrs.push_back(values.data() + i);
-  return ptrs;
-}
-
-TEST(CalDistance, SumsFloatSquaresInDouble) {
-  std::vector<float> a(kLen, 0.0f), b(kLen, 1.0f);
-  EXPECT_EQ(calDistance(a.data(), b.data()), 8.0f);
-  // 4096^2 and then 63 ones: a float sum would lose every one of them (4096); the double sum
-  // keeps them, 16777279 rounds to the float 16777280.
-  b[0] = 4096.0f;
-  EXPECT_EQ(calDistance(a.data(), b.data()), std::sqrt(16777280.0f));
-  EXPECT_EQ(calDistance(b.data(), b.data()), 0.0f);
-}
-
-// Equal distances go to the lowest index; when no distance is below the largest float (NaN
-// descriptors), the match is index 0 at the largest float. The sort's comparator is strict.
-TEST(FindMatch, LowestIndexWinsTies) {
-  std::vector<float> probe = Values(1, 3), others = Values(4, 4);
-  // Candidates 1 and 3 lie at the same distance: mirror images of each other around the probe.
-  for (int k = 0; k < kLen; ++k) {
-    others[1 * kLen + k] = probe[k] + (k % 2 ? 2.0f : -2.0f);
-    others[3 * kLen + k] = probe[k] - (k % 2 ? 2.0f : -2.0f);
-  }
-  std::vector<float*> first = Ptrs(probe), second = Ptrs(others);
-  std::vector<Match> matches;
-  findMatch(first, second, matches);
-  std::fill(probe.begin(), probe.end(), std::numeric_limits<float>::quiet_NaN());
-  findMatch(first, second, matches);
-  ASSERT_EQ(matches.size(), 2u);
-  EXPECT_EQ(matches[0].index2, 1);
-  EXPECT_EQ(matches[0].distance, 16.0f);
-  EXPECT_EQ(matches[1].index2, 0);
-  EXPECT_EQ(matches[1].distance, 3.4028235e38f);
-  EXPECT_TRUE(disSort(Match{5, 0, 1.0f}, Match{0, 5, 2.0f}));
-  EXPECT_FALSE(disSort(Match{0, 0, 2.0f}, Match{0, 0, 2.0f}));
-}
-
-TEST(FindMatch, EmptySetPrintsOneLineAndLeavesMatches) {
-  std::vector<float> values = Values(3, 5);
-  std::vector<float*> some = Ptrs(values), none;
-  for (int empty_side = 0; empty_side < 2; ++empty_side) {
-    std::vector<Match> matches = {Match{1, 2, 3.0f}};
-    testing::internal::CaptureStdout();
-    findMatch(empty_side ? some : none, empty_side ? none : some, matches);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Error! Generated descriptor size can not be null. please check.\n");
-    ASSERT_EQ(matches.size(), 1u);
-    EXPECT_EQ(matches[0].distance, 3.0f);
-  }
-}
-
-// One match per descriptor of the first set, appended in its order: the first candidate at the
-// smallest calDistance, bit for bit, at candidate counts that leave every remainder of the panels.
-TEST(FindMatch, NearestByCalDistanceAppendedInOrder) {
-  std::vector<float> first_values = Values(3, 6);
-  std::vector<float*> first = Ptrs(first_values);
-  for (int count = 1; count <= 17; ++count) {
-    std::vector<float> second_values = Values(count, 100 + count);
-    std::vector<float*> second = Ptrs(second_values);
-    std::vector<Match> matches = {Match{-7, -7, -7.0f}};
-    findMatch(first, second, matches);
-    ASSERT_EQ(matches.size(), 4u);
-    EXPECT_EQ(matches[0].index1, -7);
-    for (int i = 0; i < 3; ++i) {
-      std::vector<float> want;
-      for (float* b : second) want.push_back(calDistance(first[i], b));
-      const auto best = std::min_element(want.begin(), want.end());
-      EXPECT_EQ(matches[i + 1].index1, i);
-      EXPECT_EQ(matches[i + 1].index2, best - want.begin()) << count;
-      EXPECT_EQ(std::memcmp(&matches[i + 1].distance, &*best, sizeof(float)), 0) << count;
-    }
-  }
-}
-
 // width candidates against height query descriptors: values across the descriptor range, some
 // equal to the query's (zero terms) and some far beyond it (sums that need the double).
 struct MatchFamily {
@@ -416,6 +551,7 @@ struct MatchFamily {
   }
 };
 
+TEST_P(KernelConformance, Gradient) { ExpectMatchesScalar<GradientFamily>(GetParam()); }
 TEST_P(KernelConformance, Corners) { ExpectMatchesScalar<CornerFamily>(GetParam()); }
 TEST_P(KernelConformance, Match) { ExpectMatchesScalar<MatchFamily>(GetParam()); }
 
