@@ -1,5 +1,4 @@
-// Gradient primitives and features (corners, descriptors, matching): worked values, the orders
-// and comparisons that make them exact, the quirks, and each vector kernel family.
+// Gradient primitives and features (corners, descriptors, matching), and their kernel families.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,6 +25,7 @@ namespace {
 
 using Image = std::vector<uint8_t>;
 using Floats = std::vector<float>;
+using Pair = std::pair<int, float>;
 constexpr int kLen = 64;
 const float kNan = std::numeric_limits<float>::quiet_NaN();
 
@@ -49,18 +49,16 @@ TEST(Arctan, TakesThePolynomialsValues) {
   }
 }
 
-// Counts below one write nothing. An output overlapping its input by part of an array sees the
-// values already written, as the element-by-element rule does: no vector path reads ahead.
-TEST(ElementWise, RulesCountsAndPartlyOverlappingOutput) {
-  float a[2] = {3, 1e20f}, out[2] = {7, 7};
-  calcArctan(a, a, out, 0);
-  calcMagnitude(a, a, out, -1);
-  calcExp(a, out, 0);
-  EXPECT_EQ(out[0], 7);
-  calcExp(a, out, 1);
-  EXPECT_EQ(out[0], expf(3.0f));
+// Magnitude in single precision (the squares overflow); an output overlapping its input by part
+// of an array sees the values already written, as element by element: no vector path reads ahead.
+TEST(ElementWise, RulesAndPartlyOverlappingOutput) {
+  float a = 3, out = 7;
+  calcExp(&a, &out, 0);
+  EXPECT_EQ(out, 7);
+  calcExp(&a, &out, 1);
+  EXPECT_EQ(out, expf(3.0f));
   EXPECT_EQ(Magnitude_(3, 4), 5);
-  EXPECT_EQ(Magnitude_(1e20f, 1e20f), INFINITY);  // the squares overflow single precision
+  EXPECT_EQ(Magnitude_(1e20f, 1e20f), INFINITY);
   for (int count : {9, 40}) {
     Floats y = testutil::RandomFloats(count + 1, count, 1000),
            x = testutil::RandomFloats(count, count + 1, 1000), expected = y;
@@ -71,7 +69,7 @@ TEST(ElementWise, RulesCountsAndPartlyOverlappingOutput) {
 }
 
 // Ramps give 8 per unit of slope, positive to the right and downward; borders stay unwritten,
-// and so does everything below three rows or columns, for all three 3x3 operators.
+// and so does everything below three rows or columns.
 TEST(ThreeByThree, SobelRampsAndUntouchedBorders) {
   const int w = 7, h = 5;
   Image ramp(w * h);
@@ -80,7 +78,7 @@ TEST(ThreeByThree, SobelRampsAndUntouchedBorders) {
   sobel(ramp.data(), gx.data(), gy.data(), w, h);
   for (int i = 0; i < w * h; ++i) {
     const bool border = i < w || i >= w * (h - 1) || i % w == 0 || i % w == w - 1;
-    EXPECT_EQ(std::make_pair(gx[i], gy[i]), border ? std::make_pair(-99, -99) : std::make_pair(8, 24));
+    EXPECT_EQ(std::make_pair(gx[i], gy[i]), std::make_pair(border ? -99 : 8, border ? -99 : 24));
   }
   for (const auto& [sw, sh] : {std::pair<int, int>{2, 9}, {9, 2}, {0, 0}}) {
     std::vector<int> g(18, -1);
@@ -93,13 +91,11 @@ TEST(ThreeByThree, SobelRampsAndUntouchedBorders) {
   }
 }
 
-// The smaller eigenvalue of the 3x3 box sums: constant planes with sxy = 0 give 9 times the
-// smaller constant, sxy adds the off-diagonal; the first argument is never read (nullptr); the
-// sums start from +0 (planes of -0 give +0).
+// The smaller eigenvalue of the 3x3 box sums, which start from +0; the first argument unread.
 TEST(Medblur, SmallerEigenvalueOfTheBoxSumsInColumnOrder) {
   const struct {
     float xx, xy, yy, expected;
-  } cases[] = {{2, 0, 5, 18}, {5, 0, 2, 18}, {1, 0.5f, 1, 4.5f}, {3, -1, 3, 18}, {-0.f, -0.f, -0.f, 0}};
+  } cases[] = {{2, 0, 5, 18}, {5, 0, 2, 18}, {1, 0.5f, 1, 4.5f}, {3, -1, 3, 18}, {-0.f, 0, -0.f, 0}};
   for (const auto& c : cases) {
     Floats xx(12, c.xx), xy(12, c.xy), yy(12, c.yy), out(12, -7);
     medblur(nullptr, xx.data(), xy.data(), yy.data(), 4, 3, out.data());
@@ -107,8 +103,7 @@ TEST(Medblur, SmallerEigenvalueOfTheBoxSumsInColumnOrder) {
       EXPECT_EQ(Bits(out[i]), Bits(i == 5 || i == 6 ? c.expected : -7.0f)) << c.xx << " " << i;
     }
   }
-  // Right column top to bottom, then centre, then left: 1e8 absorbs the fours before -1e8
-  // cancels it (a row-major or bottom-up order keeps 8). With sxy = 0 the response is the sum.
+  // Right column top to bottom first: 1e8 absorbs the fours before -1e8 cancels it (else 8).
   Floats plane = {0, -1e8f, 1e8f, 0, 0, 4, 0, 0, 4}, zero(9, 0.0f), out(9, -1);
   medblur(nullptr, plane.data(), zero.data(), plane.data(), 3, 3, out.data());
   EXPECT_EQ(out[4], 0.0f);
@@ -153,9 +148,8 @@ TEST(Corners, FoundAtTheFourCornersOfARectangle) {
   EXPECT_EQ(found, (std::vector<std::pair<int, int>>{{6, 8}, {6, 19}, {29, 8}, {29, 19}}));
 }
 
-// Single bright pixels peak on themselves, the brighter one stronger: at distance 10 (in the
-// same grid cell or a neighbouring one) both are kept, one unit closer only the brighter; a
-// weaker one far away only when its response is above quality times the strongest.
+// Bright pixels 10 apart (same or neighbouring grid cell) both kept, one closer only the
+// brighter; a far weak one only when above quality times the strongest response.
 TEST(Corners, MinDistanceAndQualityKeepOrDropTheWeaker) {
   const int w = 40, h = 30;
   const struct {
@@ -175,8 +169,7 @@ TEST(Corners, MinDistanceAndQualityKeepOrDropTheWeaker) {
   }
 }
 
-// Flat or tiny images give nothing, and so does a distance of zero or less: spacing is the only
-// path to the output.
+// A distance of zero or less gives nothing: spacing is the only path to the output.
 TEST(Corners, NoneOnFlatOrTinyImagesOrWithoutAPositiveDistance) {
   EXPECT_TRUE(Detect(Image(40 * 30, 77), 40, 30, 5).empty());
   for (const auto& [w, h] : {std::pair<int, int>{2, 50}, {50, 2}, {1, 1}}) {
@@ -188,9 +181,8 @@ TEST(Corners, NoneOnFlatOrTinyImagesOrWithoutAPositiveDistance) {
   EXPECT_TRUE(Detect(scene, 64, 48, -3).empty());
 }
 
-// Candidates strongest first (a distance of 1 keeps them all), each kept unless a kept one lies
-// closer than minDistance, whichever grid cell it is in; maxCorners cuts the prefix, zero or
-// less means no limit; corners are appended, not cleared; the sort's comparator is strict.
+// Greedy over all candidates (a distance of 1 keeps them all) through every grid cell; the
+// limit cuts the prefix (none at zero or less); corners are appended, not cleared.
 TEST(Corners, GreedySpacingOverAllCandidatesAndLimits) {
   for (const auto& [w, h, d] : {std::tuple{97, 61, 7}, {160, 120, 15}, {33, 200, 3}}) {
     const Image img = testutil::TexturedImage(w, h, w);
@@ -222,8 +214,7 @@ Floats Describe(Floats img, Pointf pt, int width, int height) {
   return out;
 }
 
-// Orientation runs counter-clockwise from +x with image rows growing downward (dy is up minus
-// down): ramps along +x, up, -x and down put every cell's vote in bins 0, 1, 2 and 3.
+// Ramps along +x, up, -x and down (dy is up minus down) vote in bins 0, 1, 2 and 3.
 TEST(Descriptor, RampDirectionPicksTheBin) {
   for (const auto& [per_x, per_y, bin] : {std::tuple{3, 0, 0}, {0, -3, 1}, {-3, 0, 2}, {0, 3, 3}}) {
     Floats img(16 * 16);
@@ -235,12 +226,10 @@ TEST(Descriptor, RampDirectionPicksTheBin) {
   }
 }
 
-// One sample at about 0.5 degrees: 99.4 % of it stays in bin 0 of its own cell, the rest goes to
-// bin 1 of the preceding interior cell, or nowhere when the own cell is the first one; no bin 3
-// receives anything (the wrap is not applied twice).
+// One sample at 0.5 degrees keeps 99.4 % in bin 0 of its cells and spills the rest into bin 1 of
+// the cell before in memory (lost before the first); the wrap is applied once, so no bin 3.
 TEST(Descriptor, VoteBelowOneDegreeSpillsIntoThePrecedingCell) {
-  // A 3 x 3 image has one interior pixel, so one sample: dx = 115, dy = 1 (up minus down). The
-  // keypoint puts it at window offset (-2, -2): cells (0, 0) to (1, 1).
+  // One interior pixel, dx = 115, dy = 1, at window offset (-2, -2): cells (0, 0) to (1, 1).
   const Floats desc = Describe({0, 1, 0, 0, 0, 115, 0, 0, 0}, Pointf{3, 3}, 3, 3);
   auto at = [&](int a, int b, int bin) { return desc[(a * 4 + b) * 4 + bin]; };
   const double obin = (std::atan2(1.0, 115.0) * 180.0 / M_PI - 361.0) * 4.0 / 360.0;
@@ -251,16 +240,13 @@ TEST(Descriptor, VoteBelowOneDegreeSpillsIntoThePrecedingCell) {
     for (int b = 0; b < 4; ++b) {
       const bool own = a < 2 && b < 2;
       EXPECT_EQ(at(a, b, 0) > 0, own) << a << "," << b;
-      // Bin 1 of a cell holds the spill of the next one; (0, 1) and (1, 1) have none after them,
-      // and the spill of (0, 0), the first cell, is lost.
       EXPECT_EQ(at(a, b, 1) > 0, own && b == 0) << a << "," << b;
       EXPECT_EQ(at(a, b, 2) + at(a, b, 3), 0.0f);
     }
   }
 }
 
-// Values in [0, 255]; only the pixels around the keypoint count, wherever they are; a window
-// wholly outside the interior has no samples and gives zeros, not NaN.
+// Values in [0, 255], unmoved by a shift of the image; no samples give zeros, not NaN.
 TEST(Descriptor, ByteRangedAndTranslationInvariant) {
   const int w = 48, h = 36, sx = 7, sy = 3;
   const Image bytes = testutil::TexturedImage(w, h, 11);
@@ -302,9 +288,7 @@ TEST(Descriptor, BatchPathEqualsCalcDescriptor) {
   }
 }
 
-// calImageFeatures and calImageFeatures_1: the detector's corners with their own minimum
-// distances appended to the keypoints already there (not cleared), each described as
-// genDescripter describes it, the input untouched.
+// The entries' own minimum distances, keypoints appended (not cleared), input untouched.
 TEST(ImageFeatures, DescribeTheDetectedCornersLikeGenDescripter) {
   const int w = 320, h = 240;
   const Image img = testutil::TexturedImage(w, h, 21);
@@ -330,7 +314,6 @@ TEST(ImageFeatures, DescribeTheDetectedCornersLikeGenDescripter) {
   }
 }
 
-// count descriptors held by value, and the float* view the matcher takes.
 Floats Values(int count, uint32_t seed) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> u(0.0f, 255.0f);
@@ -347,17 +330,14 @@ std::vector<float*> Ptrs(Floats& values) {
 TEST(CalDistance, SumsFloatSquaresInDouble) {
   Floats a(kLen, 0.0f), b(kLen, 1.0f);
   EXPECT_EQ(calDistance(a.data(), b.data()), 8.0f);
-  // 4096^2 and then 63 ones: a float sum would lose every one of them (4096); the double sum
-  // keeps them, 16777279 rounds to the float 16777280.
+  // 4096^2 and 63 ones: a float sum loses the ones; the double one keeps them (16777279).
   b[0] = 4096.0f;
   EXPECT_EQ(calDistance(a.data(), b.data()), std::sqrt(16777280.0f));
   EXPECT_EQ(calDistance(b.data(), b.data()), 0.0f);
 }
 
-// One match per descriptor of the first set, appended in its order: the first candidate at the
-// smallest calDistance, bit for bit, at candidate counts that leave every remainder of the
-// panels. Descriptor 0 has two candidates at distance 16 (mirror images around it, 1 and 3): the
-// lower index wins. Descriptor 2 is NaN: nothing is below the largest float, so index 0.
+// Appended in order, the first nearest by calDistance at every panel remainder: of candidates 1
+// and 3, mirror images around descriptor 0, 1 wins; NaN descriptor 2 matches 0 at the float max.
 TEST(FindMatch, NearestByCalDistanceLowestIndexFirst) {
   Floats first_values = Values(3, 6);
   std::fill(first_values.begin() + 2 * kLen, first_values.end(), kNan);
@@ -381,8 +361,8 @@ TEST(FindMatch, NearestByCalDistanceLowestIndexFirst) {
       EXPECT_EQ(matches[i + 1].index2, best - want.begin()) << count;
       EXPECT_EQ(Bits(matches[i + 1].distance), Bits(*best)) << count;
     }
-    if (count > 3) EXPECT_EQ(std::make_pair(matches[1].index2, matches[1].distance), std::make_pair(1, 16.0f));
-    EXPECT_EQ(std::make_pair(matches[3].index2, matches[3].distance), std::make_pair(0, 3.4028235e38f));
+    if (count > 3) EXPECT_EQ(std::make_pair(matches[1].index2, matches[1].distance), (Pair{1, 16}));
+    EXPECT_EQ(std::make_pair(matches[3].index2, matches[3].distance), (Pair{0, 3.4028235e38f}));
   }
   EXPECT_TRUE(disSort(Match{5, 0, 1.0f}, Match{0, 5, 2.0f}));
   EXPECT_FALSE(disSort(Match{0, 0, 2.0f}, Match{0, 0, 2.0f}));

@@ -58,39 +58,29 @@ TEST(PlaneWarps, IntegerShiftsMoveThePlaneAndOutOfViewIs255) {
   }
 }
 
-TEST(PlaneWarps, BilinearBlendsRoundOrTruncateAsDefined) {
-  // Halfway between 10 and 20 is 15; between 20 and 21 (20.5) the double blend rounds half away
-  // from zero to 21, the fixed-point one truncates to 20. Two equal rows: vertical weight 0.
-  const Bytes src = {10, 20, 21, 40, 10, 20, 21, 40};
-  Bytes dst = Warp(perspectiveWarp, Translation(0.5, 0.0), src, 4, 2, Bytes(8));
-  EXPECT_EQ(Bytes(dst.begin(), dst.begin() + 4), (Bytes{15, 21, 31, 255}));  // 3.5 is beyond
-  dst = Warp(perspectiveWarpOP, Translation(0.25, 0.0), src, 4, 2, Bytes(8));  // weight 1024
-  EXPECT_EQ(dst[0], 15);
-  EXPECT_EQ(dst[1], 20);
-  // 0.3 of the way from 10 to 20: weight (int)(0.3 * 2048) = 614, 12.99 truncated.
-  dst = Warp(perspectiveWarpOP, Translation(0.15, 0.0), src, 4, 2, Bytes(8));
-  EXPECT_EQ(dst[0], 12);
-}
-
-TEST(PlaneWarps, BoundsInclusiveForBilinearRoundedForNearest) {
-  const int w = 6, h = 4;
-  Bytes src = testutil::RandomBytes(w * h, 2);
-  std::replace(src.begin(), src.end(), uint8_t{255}, uint8_t{254});
-  const auto at = [&](const Bytes& p, int x, int y) { return p[y * w + x]; };
-  // Left by 0.4: column 0 reads -0.4, out of view for the bilinear members, rounded into column
-  // 0 by the nearest one.
-  EXPECT_EQ(at(Warp(perspectiveWarpOP, Translation(-0.2, 0), src, w, h, Bytes(w * h)), 0, 1), 255);
-  EXPECT_EQ(at(Warp(perspectiveWarpNN, Translation(-0.2, 0), src, w, h, Bytes(w * h)), 0, 1),
-            at(src, 0, 1));
-  // Right by 0.6: the last column reads width - 0.4, which rounds to width: out of view; the one
-  // before reads width - 1.4 and takes the last column.
-  const Bytes right = Warp(perspectiveWarpNN, Translation(0.3, 0), src, w, h, Bytes(w * h));
-  EXPECT_EQ(at(right, w - 1, 1), 255);
-  EXPECT_EQ(at(right, w - 2, 1), at(src, w - 1, 1));
-  // Exactly on the last row and column is in view, blended with the repeated edge sample.
-  const Bytes corner = Warp(perspectiveWarp, Translation(w - 1, h - 1), src, w, h, Bytes(w * h));
-  EXPECT_EQ(at(corner, 0, 0), at(src, w - 1, h - 1));
-  EXPECT_EQ(at(corner, 1, 0), 255);
+// Blends and bounds on a row 10 20 21 40 50 60 (two equal rows: vertical weight 0). Bilinear
+// members take real positions from 0 to width - 1 inclusive; the double blend rounds half away
+// from zero (20.5 -> 21), the fixed-point one truncates its 11-bit weights (0.3 -> 614, 12.99
+// -> 12); the nearest member rounds first and tests the rounded position against the width.
+TEST(PlaneWarps, BlendsAndBoundsOfEachMember) {
+  const Bytes src = {10, 20, 21, 40, 50, 60, 10, 20, 21, 40, 50, 60};
+  const struct {
+    PlaneWarp warp;
+    double tx, ty;  // of H; the half-resolution members move by twice as much
+    Bytes row;
+  } cases[] = {
+      {perspectiveWarp, 0.5, 0, {15, 21, 31, 45, 55, 255}},
+      {perspectiveWarp, 5, 1, {60, 255, 255, 255, 255, 255}},  // exactly the last column and row
+      {perspectiveWarpOP, 0.25, 0, {15, 20, 30, 45, 55, 255}},
+      {perspectiveWarpOP, 0.15, 0, {12, 20, 26, 42, 52, 255}},
+      {perspectiveWarpOP, -0.2, 0, {255, 15, 20, 32, 45, 55}},  // -0.4 is out of view
+      {perspectiveWarpNN, -0.2, 0, {10, 20, 21, 40, 50, 60}},   // -0.4 rounds to 0
+      {perspectiveWarpNN, 0.3, 0, {20, 21, 40, 50, 60, 255}},   // 5.6 rounds to the width
+  };
+  for (const auto& c : cases) {
+    const Bytes dst = Warp(c.warp, Translation(c.tx, c.ty), src, 6, 2, Bytes(12));
+    EXPECT_EQ(Bytes(dst.begin(), dst.begin() + 6), c.row) << c.tx;
+  }
 }
 
 // The split family written out as the plain rule: replicated chroma planes, one fixed-point and
