@@ -139,15 +139,6 @@ std::vector<std::pair<int, int>> Xy(const std::vector<Pointf>& points) {
   return out;
 }
 
-TEST(Corners, FoundAtTheFourCornersOfARectangle) {
-  const int w = 40, h = 30;
-  Image rect(w * h, 0);
-  for (int y = 8; y < 20; ++y) std::fill(&rect[y * w + 6], &rect[y * w + 30], 200);
-  std::vector<std::pair<int, int>> found = Xy(Detect(rect, w, h, 5));
-  std::sort(found.begin(), found.end());
-  EXPECT_EQ(found, (std::vector<std::pair<int, int>>{{6, 8}, {6, 19}, {29, 8}, {29, 19}}));
-}
-
 // Bright pixels 10 apart (same or neighbouring grid cell) both kept, one closer only the
 // brighter; a far weak one only when above quality times the strongest response.
 TEST(Corners, MinDistanceAndQualityKeepOrDropTheWeaker) {
@@ -266,30 +257,30 @@ TEST(Descriptor, ByteRangedAndTranslationInvariant) {
   EXPECT_EQ(Describe(img, Pointf{-50, -50}, w, h), Floats(kLen, 0.0f));
 }
 
-// genDescripter's batch path (vector kernels of the gradient family) reproduces calcDescriptor
-// bit for bit, keypoints at the borders and on images smaller than the window.
-TEST(Descriptor, BatchPathEqualsCalcDescriptor) {
-  for (const auto& [w, h] : {std::pair<int, int>{2, 2}, {3, 3}, {5, 4}, {37, 23}, {64, 48}}) {
+// The batch path of genDescripter and of both entries (vector kernels of the gradient family)
+// reproduces calcDescriptor bit for bit: keypoints at and beyond the borders, images smaller than
+// the window, and the entries' corners with their own minimum distances, appended to keypoints
+// already there (not cleared), the input untouched.
+TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
+  const auto expect_described = [](Image bytes, const std::vector<Pointf>& keypoints,
+                                   const std::vector<float*>& got, int w, int h) {
+    for (size_t i = 0; i < keypoints.size(); ++i) {
+      const Floats want = Describe(Floats(bytes.begin(), bytes.end()), keypoints[i], w, h);
+      EXPECT_EQ(std::memcmp(got[i], want.data(), kLen * 4), 0) << w << "x" << h << " " << i;
+    }
+  };
+  for (const auto& [w, h] : {std::pair<int, int>{2, 2}, {3, 3}, {5, 4}, {37, 23}}) {
     Image bytes = testutil::TexturedImage(w, h, static_cast<uint32_t>(w * h));
     std::vector<Pointf> keypoints;
-    Floats expected, got;
     for (int y = -1; y <= h; y += (h > 8 ? 3 : 1)) {
-      for (int x = -1; x <= w; x += (w > 8 ? 4 : 1)) {
-        keypoints.push_back(Pointf{x, y});
-        const Floats d = Describe(Floats(bytes.begin(), bytes.end()), keypoints.back(), w, h);
-        expected.insert(expected.end(), d.begin(), d.end());
-      }
+      for (int x = -1; x <= w; x += (w > 8 ? 4 : 1)) keypoints.push_back(Pointf{x, y});
     }
-    got.resize(expected.size());
+    Floats got(keypoints.size() * kLen);
     std::vector<float*> slots;
     for (size_t i = 0; i < keypoints.size(); ++i) slots.push_back(got.data() + i * kLen);
     genDescripter(bytes.data(), keypoints, slots, w, h);
-    EXPECT_EQ(std::memcmp(got.data(), expected.data(), got.size() * 4), 0) << w << "x" << h;
+    expect_described(bytes, keypoints, slots, w, h);
   }
-}
-
-// The entries' own minimum distances, keypoints appended (not cleared), input untouched.
-TEST(ImageFeatures, DescribeTheDetectedCornersLikeGenDescripter) {
   const int w = 320, h = 240;
   const Image img = testutil::TexturedImage(w, h, 21);
   for (const int min_distance : {60, 45}) {
@@ -303,14 +294,8 @@ TEST(ImageFeatures, DescribeTheDetectedCornersLikeGenDescripter) {
     ASSERT_GT(corners.size(), 5u);
     ASSERT_EQ(Xy(keypoints), Xy(corners)) << min_distance;
     ASSERT_EQ(descriptors.size(), corners.size());
-    Floats want(corners.size() * kLen);
-    std::vector<float*> slots;
-    for (size_t i = 0; i < corners.size(); ++i) slots.push_back(want.data() + i * kLen);
-    genDescripter(input.data(), corners, slots, w, h);
-    for (size_t i = 0; i < corners.size(); ++i) {
-      EXPECT_EQ(std::memcmp(descriptors[i], slots[i], kLen * sizeof(float)), 0) << i;
-      std::free(descriptors[i]);
-    }
+    expect_described(img, corners, descriptors, w, h);
+    for (float* d : descriptors) std::free(d);
   }
 }
 
@@ -450,15 +435,14 @@ struct CornerFamily {
     std::mt19937 rng(seed);
     const size_t n = static_cast<size_t>(w) * h;
     Case c{w, h, std::vector<int32_t>(n), std::vector<int32_t>(n),
-                 testutil::RandomFloats(n, seed, 8), {}, 0.0, 0.0f, {}};
+           testutil::RandomFloats(n, seed, 8), testutil::RandomFloats(n, seed + 1, 4), 0.0, 0.0f, {}};
+    const auto derivative = [&] {
+      return rng() % 8 ? static_cast<int32_t>(rng() % 2041) - 1020 : static_cast<int32_t>(rng());
+    };
     for (size_t i = 0; i < n; ++i) {
-      c.dx[i] = rng() % 8 ? static_cast<int32_t>(rng() % 2041) - 1020 : static_cast<int32_t>(rng());
-      c.dy[i] = rng() % 8 ? static_cast<int32_t>(rng() % 2041) - 1020 : static_cast<int32_t>(rng());
-    }
-    c.dilated = c.response;
-    const std::vector<float> other = testutil::RandomFloats(n, seed + 1, 4);
-    for (size_t i = 0; i < n; ++i) {
-      if (rng() % 3 == 0) c.dilated[i] = other[i];
+      c.dx[i] = derivative();
+      c.dy[i] = derivative();
+      if (rng() % 3) c.dilated[i] = c.response[i];
     }
     const double s3 = 1.0 / (3 * 4.0 * 255.0), s7 = 1.0 / (7 * 4.0 * 255.0);
     const double scales[] = {s3 * s3, s7 * s7, INFINITY, 0.0};

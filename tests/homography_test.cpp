@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <set>
@@ -23,6 +22,7 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Points = std::vector<Point2D64f>;
 
 // Rotation by 10 degrees with scale 1.1, a shift, and a mild perspective.
 const double kTrue[9] = {1.0832885, -0.1910130, 25.0, 0.1910130, 1.0832885, -12.0, 2e-4, -1e-4, 1};
@@ -46,9 +46,9 @@ double MaxDeviation(const double* a, const double* b) {
 }
 
 // Pairs under h with destination noise of +-noise per axis, the first share of them (at random
-// places like the rest) made gross outliers 20 to 200 pixels away from their true position.
+// places like the rest) made gross outliers 20 to 200 pixels away.
 struct Planted {
-  std::vector<Point2D64f> src, dst;
+  Points src, dst;
   std::vector<unsigned char> inlier;
 };
 Planted Plant(int count, double outlier_share, double noise, uint32_t seed,
@@ -59,14 +59,13 @@ Planted Plant(int count, double outlier_share, double noise, uint32_t seed,
   Planted p{{}, {}, std::vector<unsigned char>(count, 1)};
   for (int i = 0; i < count; ++i) {
     p.src.push_back({px(gen), py(gen)});
-    Point2D64f q = Apply(h, p.src.back());
-    q = {q.x + jitter(gen), q.y + jitter(gen)};
+    const Point2D64f q = Apply(h, p.src.back());
+    p.dst.push_back({q.x + jitter(gen), q.y + jitter(gen)});
     if (i < count * outlier_share) {
       const double r = far(gen), a = angle(gen);
-      q = {q.x + r * std::cos(a), q.y + r * std::sin(a)};
+      p.dst.back() = {p.dst.back().x + r * std::cos(a), p.dst.back().y + r * std::sin(a)};
       p.inlier[i] = 0;
     }
-    p.dst.push_back(q);
   }
   return p;
 }
@@ -90,15 +89,14 @@ TEST(RunKernel, FitsExactPairsAndPassesDegenerateInputThrough) {
   EXPECT_TRUE(std::isnan(h[0]));
 }
 
-// Diagonal input: no rotation; selection sort by strictly larger, so equal values keep their
-// order unless a swap carries one past the other (the two 1s of the last case trade places).
+// Diagonal input is not rotated; the selection sort by strictly larger lets a swap carry an
+// equal value past another (the 1s of the last case); the row stride is 9 whatever n.
 TEST(Jacobi, DiagonalInputSortsDescendingWithUnitVectorsAtStrideNine) {
   const std::pair<std::vector<double>, std::vector<int>> cases[] = {
       {{1, 5, 5}, {1, 2, 0}}, {{5, 5, 1}, {0, 1, 2}}, {{1, 2, 1, 3}, {3, 1, 2, 0}}};
   for (const auto& [diagonal, unit_of_row] : cases) {
     const int n = static_cast<int>(diagonal.size());
-    // A solver with row stride n would read the 1e6 sentinels as matrix entries.
-    std::vector<double> a(81, 1e6), v(81, -7.0);
+    std::vector<double> a(81, 1e6), v(81, -7.0);  // stride n would read the 1e6 as entries
     for (int r = 0; r < n; ++r) {
       for (int k = 0; k < n; ++k) a[r * 9 + k] = r == k ? diagonal[r] : 0.0;
     }
@@ -113,68 +111,57 @@ TEST(Jacobi, DiagonalInputSortsDescendingWithUnitVectorsAtStrideNine) {
   }
 }
 
-// One-point draws from points whose x is their index: the subset tells which index was drawn.
-int DrawOne(std::vector<Point2D64f>& pts) {
-  Point2D64f s1, s2;
-  getSubset(1, &s1, &s2, 1, Words(pts.data()), Words(pts.data()), Words(&s1), Words(&s2),
-            static_cast<int>(pts.size()));
-  return static_cast<int>(s1.x);
+// Draws `model` distinct points; with the points' x their index, the subset tells what was drawn.
+bool Draw(Points& from, Point2D64f* subset, int model = 4, int attempts = 300) {
+  Point2D64f other[4];
+  return getSubset(model, subset, other, attempts, Words(from.data()), Words(from.data()),
+                   Words(subset), Words(other), static_cast<int>(from.size()));
 }
 
-TEST(Generator, MultiplyWithCarryFromAllOnes) {
-  std::vector<Point2D64f> ten(10);
-  for (int i = 0; i < 10; ++i) ten[i] = {double(i), 0.0};
-  std::vector<Point2D64f> seven(ten.begin(), ten.begin() + 7);
-  rng = 0xFFFFFFFFFFFFFFFFull;
-  EXPECT_EQ(DrawOne(ten), 5);
-  EXPECT_EQ(rng, 0xF83F630A07C09CF5ull);
-  // Next: the low word times the multiplier plus the high word as carry, modulo 7.
-  EXPECT_EQ(DrawOne(seven), 6);
-  EXPECT_EQ(rng, 0x07848374BAC3439Cull);
-}
-
-TEST(GetSubset, DistinctDrawsAndTheAttemptBudget) {
-  std::vector<Point2D64f> pts(6), line(12);
-  for (int i = 0; i < 6; ++i) pts[i] = {double(i), 0.5 * i * i};
+// From all ones the first state is 0xF83F630A07C09CF5 (index 5 of 10); the next, low word times
+// the multiplier plus the high word as carry, 0x07848374BAC3439C (index 6 of 7).
+TEST(GetSubset, MultiplyWithCarryDrawsDistinctPointsWithinTheAttemptBudget) {
+  Points pts(10), line(12);
+  for (int i = 0; i < 10; ++i) pts[i] = {double(i), 0.5 * i * i};
   for (int i = 0; i < 12; ++i) line[i] = {2.0 * i, 3.0 * i + 1.0};
-  Point2D64f s1[4], s2[4];
-  auto draw = [&](std::vector<Point2D64f>& from, int attempts) {
-    return getSubset(4, s1, s2, attempts, Words(from.data()), Words(from.data()), Words(s1),
-                     Words(s2), static_cast<int>(from.size()));
-  };
+  Points seven(pts.begin(), pts.begin() + 7);
+  Point2D64f s[4];
+  rng = 0xFFFFFFFFFFFFFFFFull;
+  ASSERT_TRUE(Draw(pts, s, 1));
+  EXPECT_EQ(std::make_pair(s[0].x, rng), std::make_pair(5.0, uint64_t{0xF83F630A07C09CF5}));
+  ASSERT_TRUE(Draw(seven, s, 1));
+  EXPECT_EQ(std::make_pair(s[0].x, rng), std::make_pair(6.0, uint64_t{0x07848374BAC3439C}));
   for (int k = 0; k < 50; ++k) {
-    ASSERT_TRUE(draw(pts, 300));
-    EXPECT_EQ(std::set<double>({s1[0].x, s1[1].x, s1[2].x, s1[3].x}).size(), 4u);
+    ASSERT_TRUE(Draw(seven, s));
+    EXPECT_EQ(std::set<double>({s[0].x, s[1].x, s[2].x, s[3].x}).size(), 4u);
   }
   // On a line every subset fails; one call of n attempts draws as much as n calls of one.
   for (const int attempts : {1, 2, 300}) {
     rng = 4242;
-    EXPECT_FALSE(draw(line, attempts));
+    EXPECT_FALSE(Draw(line, s, 4, attempts));
     const uint64_t one_call = rng;
     rng = 4242;
-    for (int k = 0; k < attempts; ++k) draw(line, 1);
+    for (int k = 0; k < attempts; ++k) Draw(line, s, 4, 1);
     EXPECT_EQ(one_call, rng) << attempts;
   }
   rng = 4242;
-  EXPECT_FALSE(draw(line, 0));
+  EXPECT_FALSE(Draw(line, s, 4, 0));
   EXPECT_EQ(rng, 4242u);  // no budget, no draw
   checkPartialSubsets = true;
-  EXPECT_TRUE(draw(line, 1));
+  EXPECT_TRUE(Draw(line, s, 4, 1));
   checkPartialSubsets = false;
 }
 
+// Legs L of a right isosceles triangle: |cross| = L^2 against 2L * 2^-23, collinear up to
+// exactly L = 2^-22 (inclusive); the partial check only tests triples with the last point.
 TEST(CheckSubset, CollinearWithinSinglePrecisionEpsilon) {
-  // A right isosceles triangle with legs L: |cross| = L^2 against 2L * 2^-23, so it counts as
-  // collinear exactly up to L = 2^-22 (the comparison is inclusive).
   const double edge = std::ldexp(1.0, -22);
   for (const double leg : {edge, edge * (1 + 1.0 / 1024), 1.0, edge / 2}) {
     Point2D64f tri[3] = {{leg, 0.0}, {0.0, leg}, {0.0, 0.0}};
     EXPECT_EQ(checkSubset(tri, 3), leg > edge) << leg;
   }
-  Point2D64f two[2] = {{0, 0}, {0, 0}};
-  EXPECT_TRUE(checkSubset(two, 2));
-  // The first three points are collinear, the last is off the line: only a full check sees it.
   Point2D64f four[4] = {{0, 0}, {1, 1}, {2, 2}, {5, 0}};
+  EXPECT_TRUE(checkSubset(four, 2));
   EXPECT_FALSE(checkSubset(four, 4));
   checkPartialSubsets = true;
   EXPECT_TRUE(checkSubset(four, 4));
@@ -244,23 +231,23 @@ TEST(FindHomography, RecoversAPlantedHomographyAndItsInliers) {
   }
 }
 
+// Collinear pairs leave no subset within 300 attempts; four pairs draw none and fit the zeroed
+// subset buffers: no model either way, H untouched. Five exact pairs are refitted all five.
 TEST(FindHomography, FewOrCollinearPairs) {
   double h[9];
   std::fill(h, h + 9, -12345.0);
-  // Collinear: no subset within 300 attempts. Four pairs: no subset is drawn, the kernel sees
-  // the zeroed subset buffers, no model. Either way H stays untouched.
-  std::vector<Point2D64f> line(10);
+  Points line(10);
   for (int i = 0; i < 10; ++i) line[i] = {1.0 * i, 2.0 * i};
   EXPECT_FALSE(findHomography(line, line, h, 3.0, 10));
-  Planted four = Plant(4, 0.0, 0.0, 2);
+  Planted four = Plant(4, 0.0, 0.0, 2), five = Plant(5, 0.0, 0.0, 2);
   EXPECT_FALSE(findHomography(four.src, four.dst, h, 3.0, 4));
-  for (double v : h) EXPECT_EQ(v, -12345.0);
-  // Five exact pairs: the refit on all five recovers the homography.
-  Planted five = Plant(5, 0.0, 0.0, 2);
+  EXPECT_EQ(std::vector<double>(h, h + 9), std::vector<double>(9, -12345.0));
   EXPECT_TRUE(findHomography(five.src, five.dst, h, 3.0, 5));
   EXPECT_LT(MaxDeviation(h, kTrue), 1e-6);
 }
 
+// Exact pairs: all inliers after the first model, whose iteration count falls to 0 (one subset
+// drawn in all); only nine bytes of the model reach the caller's array.
 TEST(RunRansac, ExactPairsStopAfterOneModelAndHandOverNineBytes) {
   Planted p = Plant(50, 0.0, 0.0, 8);
   unsigned char model[72];
@@ -278,7 +265,6 @@ TEST(RunRansac, ExactPairsStopAfterOneModelAndHandOverNineBytes) {
   std::memcpy(&first, model, sizeof(first));
   EXPECT_NEAR(first, kTrue[0], 1e-9);
   for (size_t i = 9; i < sizeof(model); ++i) EXPECT_EQ(model[i], 0xAB) << i;
-  // All inliers: the iteration count drops to 0 after the first model, one subset drawn in all.
   rng = 555;
   Point2D64f s1[4], s2[4];
   getSubset(4, s1, s2, 300, Words(p.src.data()), Words(p.dst.data()), Words(s1), Words(s2), 50);
@@ -303,9 +289,9 @@ TEST(Invert, UndoesTheMapping) {
   EXPECT_FALSE(std::isfinite(inv[0]));
 }
 
+// Eight differences of 2^-25 after one of 1 are each lost to float rounding; before it they
+// sum to 2^-22 first, which survives.
 TEST(DiffH, RunningSumRoundedToFloatInIndexOrder) {
-  // Eight differences of 2^-25 and one of 1: added after the 1 each small one is lost to float
-  // rounding; added before it they sum to 2^-22 first, which survives.
   const double tiny = std::ldexp(1.0, -25);
   double zero[9] = {}, small_last[9], small_first[9];
   for (int i = 0; i < 9; ++i) small_last[i] = small_first[i] = -tiny;  // |difference| counts
@@ -317,9 +303,9 @@ TEST(DiffH, RunningSumRoundedToFloatInIndexOrder) {
 
 auto Edges(const Rect& r) { return std::make_tuple(r.left, r.top, r.right, r.bottom); }
 
+// A 641 x 481 frame: the limits are 320 and 240 (integer halves), and a shift of the half grid
+// (hinv a translation) by t moves the top-left corner by 2t. The rectangle only shrinks.
 TEST(CropAndThrow, OneSidedThrowTestsAndInwardRoundedEdges) {
-  // A 641 x 481 frame: the limits are 641 / 2 = 320 and 481 / 2 = 240 (integer division), and a
-  // shift of the half grid (hinv a translation) by t moves the top-left corner by 2t.
   const struct {
     double tx, ty;
     int thrown;
@@ -340,7 +326,6 @@ TEST(CropAndThrow, OneSidedThrowTestsAndInwardRoundedEdges) {
     Rect r = {0, 0, 641, 481};
     EXPECT_EQ(cropAndThrow(h, &r, 641, 481), c.thrown);
     EXPECT_EQ(Edges(r), Edges(c.thrown ? Rect{0, 0, 641, 481} : c.expected));
-    // The rectangle only shrinks: the identity afterwards keeps it as it stands.
     const Rect before = r;
     EXPECT_EQ(cropAndThrow(const_cast<double*>(kIdentity), &r, 641, 481), 0);
     EXPECT_EQ(Edges(r), Edges(before));
@@ -355,35 +340,32 @@ std::string Printed(const double* h, const double* previous) {
   return out.str();
 }
 
+// A 200 x 200 frame: n distinct descriptors, the same for A and B, A's keypoints those of B
+// moved by (dx, 0) on the 100 x 100 half grid, so that the estimate is a shift of dx.
 TEST(ImageRegistration, OutcomesAtEachThreshold) {
-  // On a 200 x 200 frame: n distinct descriptors, A's keypoints those of B moved by (dx, 0) on
-  // the 100 x 100 half grid, so the estimate is a shift of dx.
   const struct {
-    const char* what;
     int n, dx;
     double previous_h2;
     bool thrown;
     int left;  // when kept
   } cases[] = {
-      {"27 matches: thrown unestimated", 27, 0, 0, true, 0},
-      // 15 % of 30 is four pairs, which never give a model: the new-homography buffer's filling
-      // of 1e9 then fails the jump test.
-      {"30 matches, four pairs: no estimate", 30, 0, 0, true, 0},
-      {"jump of exactly 80 passes", 40, 0, 80.0, false, 0},
-      {"jump just above 80", 40, 0, 80.0001, true, 0},
-      {"shift of 60 half pixels: top-left moves 120 > 100", 40, -60, -60, true, 0},
-      {"shift of 40 half pixels: kept, cropped", 40, -40, -40, false, 80},
+      {27, 0, 0, true, 0},           // too few matches: thrown unestimated, silently
+      {30, 0, 0, true, 0},           // 15 % is four pairs: no model, the buffer's 1e9 jumps
+      {40, 0, 80.0, false, 0},       // a jump of exactly 80 passes
+      {40, 0, 80.0001, true, 0},     // just above does not
+      {40, -60, -60, true, 0},       // top-left moves 120 > 100
+      {40, -40, -40, false, 80},     // kept and cropped
   };
   constexpr int kW = 200, kH = 200;
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+    SCOPED_TRACE(testing::Message() << c.n << " matches, dx " << c.dx << ", " << c.previous_h2);
     std::mt19937 gen(5);
     std::vector<float> values(c.n * 64);
     std::vector<float*> descriptors;
     std::vector<Pointf> keypoints, moved;
     for (int i = 0; i < c.n; ++i) {
       for (int k = 0; k < 64; ++k) values[i * 64 + k] = static_cast<float>(gen() % 256);
-      descriptors.push_back(&values[i * 64]);  // the same for A and B
+      descriptors.push_back(&values[i * 64]);
       keypoints.push_back({static_cast<int>(gen() % 100), static_cast<int>(gen() % 100)});
       moved.push_back({keypoints.back().x + c.dx, keypoints.back().y});
     }
@@ -418,16 +400,13 @@ TEST(ImageRegistration, OutcomesAtEachThreshold) {
     // The planes-apart variant does the same, silently; a thrown flag stays set.
     Bytes dst1(src.size());
     double H1[9] = {1, 0, c.previous_h2, 0, 1, 0, 0, 0, 1};
-    Rect rect1{0, 0, kW, kH};
     thrown = 1;
     testing::internal::CaptureStdout();
     imageRegistration_1(src.data(), src.data() + kW * kH, dst1.data(), dst1.data() + kW * kH,
-                        descriptors, descriptors, moved, keypoints, kW, kH, &thrown, &rect1, H1);
+                        descriptors, descriptors, moved, keypoints, kW, kH, &thrown, &rect, H1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_TRUE(std::equal(H, H + 9, H1));
-    EXPECT_EQ(Edges(rect1), Edges(rect));
-    EXPECT_EQ(dst1, dst);
-    EXPECT_EQ(thrown, 1);
+    EXPECT_EQ(std::make_tuple(dst1, std::vector<double>(H1, H1 + 9), thrown),
+              std::make_tuple(dst, std::vector<double>(H, H + 9), char{1}));
   }
 }
 
