@@ -185,20 +185,15 @@ TEST(FindInliers, InclusiveOnTheFloatRoundedErrorWithoutReadingH8) {
   }
 }
 
+// round(log(0.005) / log(1 - 0.5^4)) = 82; 26.95 rounds up, 10.05 down; capped by the current
+// count; no inlier or no confidence: log(1) = 0; every point an inlier: 0; NaN keeps the budget.
 TEST(RansacIterations, UpdateFigures) {
   const struct {
     double p, ep;
     int max_iters, expected;
-  } cases[] = {
-      {0.995, 0.5, 1000, 82},    // round(log(0.005) / log(1 - 0.5^4))
-      {0.995, 0.0, 1000, 0},     // every point an inlier
-      {0.995, 0.35, 1000, 27},   // 26.95 rounds up
-      {0.995, 0.2, 1000, 10},    // 10.05 rounds down
-      {0.995, 0.5, 50, 50},      // capped by the current count
-      {0.995, 1.0, 1000, 1000},  // no inlier at all: log(1) = 0
-      {0.0, 0.5, 1000, 0},       // no confidence asked: log(1) = 0
-      {NAN, 0.5, 1000, 1000},    // a NaN keeps the budget
-  };
+  } cases[] = {{0.995, 0.5, 1000, 82}, {0.995, 0.35, 1000, 27}, {0.995, 0.2, 1000, 10},
+               {0.995, 0.5, 50, 50},   {0.995, 1.0, 1000, 1000}, {0.0, 0.5, 1000, 0},
+               {0.995, 0.0, 1000, 0},  {NAN, 0.5, 1000, 1000}};
   for (const auto& c : cases) {
     EXPECT_EQ(RANSACUpdateNumIters(c.p, c.ep, 4, c.max_iters), c.expected) << c.p << " " << c.ep;
   }
