@@ -63,8 +63,8 @@ TEST(ElementWise, ArctanPolynomialMagnitudeInFloatAndOverlap) {
   }
 }
 
-// Ramps give 8 per unit of slope, positive to the right and downward; borders stay unwritten.
-TEST(ThreeByThree, SobelRampsAndUntouchedBorders) {
+// Sobel ramps give 8 per unit of slope, positive to the right and downward; borders unwritten.
+TEST(ThreeByThree, SobelMedblurAndDilate) {
   const int w = 7, h = 5;
   Image ramp(w * h);
   for (int i = 0; i < w * h; ++i) ramp[i] = static_cast<uint8_t>(i % w + 3 * (i / w));
@@ -74,10 +74,7 @@ TEST(ThreeByThree, SobelRampsAndUntouchedBorders) {
     const bool border = i < w || i >= w * (h - 1) || i % w == 0 || i % w == w - 1;
     EXPECT_EQ(std::make_pair(gx[i], gy[i]), std::make_pair(border ? -99 : 8, border ? -99 : 24));
   }
-}
-
-// The smaller eigenvalue of the 3x3 box sums, which start from +0; the first argument unread.
-TEST(Medblur, SmallerEigenvalueOfTheBoxSumsInColumnOrder) {
+  // medblur: the smaller eigenvalue of the box sums, which start from +0; first argument unread.
   const struct {
     float xx, xy, yy, expected;
   } cases[] = {
@@ -93,18 +90,15 @@ TEST(Medblur, SmallerEigenvalueOfTheBoxSumsInColumnOrder) {
   Floats plane = {0, -1e8f, 1e8f, 0, 0, 4, 0, 0, 4}, zero(9, 0.0f), out(9, -1);
   medblur(nullptr, plane.data(), zero.data(), plane.data(), 3, 3, out.data());
   EXPECT_EQ(out[4], 0.0f);
-}
-
-TEST(Dilate, RunsItsOrderWithAStrictComparison) {
+  // dilate: the running order starts top-right and replaces only what is strictly less.
   const float z = -0.0f;
-  // The single interior pixel's neighbourhood, row-major; the running order starts top-right.
-  const std::pair<Floats, float> cases[] = {
+  const std::pair<Floats, float> neighbourhoods[] = {
       {{1, 2, 3, 4, 9, 5, 6, 7, 8}, 9},
       {{1, 2, kNan, 4, 9, 5, 6, 7, 8}, kNan},  // a NaN first is never replaced
       {{1, 2, 3, 4, kNan, 5, 6, 7, 8}, 8},     // a NaN later is never taken
       {{0, 0, z, 0, 0, 0, 0, 0, 0}, z},        // +0 is not greater than -0
       {{z, z, 0, z, z, z, z, z, z}, 0}};
-  for (auto [in, expected] : cases) {
+  for (auto [in, expected] : neighbourhoods) {
     Floats out(9, -5);
     dilate(in.data(), out.data(), 3, 3);
     EXPECT_EQ(Bits(out[4]), Bits(expected));
@@ -127,7 +121,7 @@ std::vector<std::pair<int, int>> Xy(const std::vector<Pointf>& points) {
 
 // Bright pixels 10 apart (same or neighbouring grid cell) both kept, one closer only the
 // brighter; a far weak one only above quality times the strongest; none on flat or tiny images.
-TEST(Corners, MinDistanceAndQualityKeepOrDropTheWeaker) {
+TEST(Corners, SpacingQualityAndLimits) {
   const int w = 40, h = 30;
   const struct {
     int bx, by, value;
@@ -148,12 +142,9 @@ TEST(Corners, MinDistanceAndQualityKeepOrDropTheWeaker) {
   for (const auto& [w, h] : {std::pair<int, int>{2, 50}, {50, 2}, {1, 1}}) {
     EXPECT_TRUE(Detect(testutil::TexturedImage(w, h, 1), w, h, 1).empty());
   }
-}
-
-// Greedy over all candidates (a distance of 1 keeps them all) through every grid cell; nothing
-// at a distance of zero or less (spacing is the only path to the output); the limit cuts the
-// prefix (none at zero or less); corners are appended, not cleared.
-TEST(Corners, GreedySpacingOverAllCandidatesAndLimits) {
+  // Greedy over all candidates (a distance of 1 keeps them all) through every grid cell; nothing
+  // at a distance of zero or less (spacing is the only path to the output); the limit cuts the
+  // prefix (none at zero or less); corners are appended, not cleared.
   for (const auto& [w, h, d] : {std::tuple{97, 61, 7}, {160, 120, 15}, {33, 200, 3}}) {
     const Image img = testutil::TexturedImage(w, h, w);
     std::vector<Pointf> expected;
@@ -186,7 +177,7 @@ Floats Describe(Floats img, Pointf pt, int width, int height) {
 }
 
 // Ramps along +x, up, -x and down (dy is up minus down) vote in bins 0, 1, 2 and 3.
-TEST(Descriptor, RampDirectionPicksTheBin) {
+TEST(Descriptor, OrientationBinsAndTheOnceOnlyWrap) {
   for (const auto& [per_x, per_y, bin] : {std::tuple{3, 0, 0}, {0, -3, 1}, {-3, 0, 2}, {0, 3, 3}}) {
     Floats img(16 * 16);
     for (int i = 0; i < 16 * 16; ++i) img[i] = 100.0f + per_x * (i % 16) + per_y * (i / 16);
@@ -195,11 +186,8 @@ TEST(Descriptor, RampDirectionPicksTheBin) {
       EXPECT_EQ(std::max_element(&desc[cell * 4], &desc[cell * 4 + 4]) - &desc[cell * 4], bin);
     }
   }
-}
-
-// One sample at 0.5 degrees keeps 99.4 % in bin 0 of its cells and spills the rest into bin 1 of
-// the cell before in memory (lost before the first); the wrap is applied once, so no bin 3.
-TEST(Descriptor, VoteBelowOneDegreeSpillsIntoThePrecedingCell) {
+  // One sample at 0.5 degrees keeps 99.4 % in bin 0 of its cells and spills the rest into bin 1 of
+  // the cell before in memory (lost before the first); the wrap is applied once, so no bin 3.
   // One interior pixel, dx = 115, dy = 1, at window offset (-2, -2): cells (0, 0) to (1, 1).
   const Floats desc = Describe({0, 1, 0, 0, 0, 115, 0, 0, 0}, Pointf{3, 3}, 3, 3);
   auto at = [&](int a, int b, int bin) { return desc[(a * 4 + b) * 4 + bin]; };
@@ -230,7 +218,9 @@ TEST(Descriptor, ByteRangedAndTranslationInvariant) {
     const Floats desc = Describe(img, pt, w, h);
     EXPECT_GT(*std::max_element(desc.begin(), desc.end()), 0.0f) << pt.x << "," << pt.y;
     for (float v : desc) ASSERT_TRUE(v >= 0.0f && v <= 255.0f) << pt.x << "," << pt.y;
-    if (pt.x % 10 == 0) EXPECT_EQ(desc, Describe(img_moved, Pointf{pt.x + sx, pt.y + sy}, w, h));
+    if (pt.x % 10 == 0) {
+      EXPECT_EQ(desc, Describe(img_moved, Pointf{pt.x + sx, pt.y + sy}, w, h));
+    }
   }
   EXPECT_EQ(Describe(img, Pointf{-50, -50}, w, h), Floats(kLen, 0.0f));
 }
@@ -316,7 +306,7 @@ TEST(FindMatch, NearestByCalDistanceLowestIndexFirst) {
       EXPECT_EQ(matches[i + 1].index2, best - want.begin()) << count;
       EXPECT_EQ(Bits(matches[i + 1].distance), Bits(*best)) << count;
     }
-    if (count > 3) EXPECT_EQ(std::make_pair(matches[1].index2, matches[1].distance), (Pair{1, 16}));
+    EXPECT_TRUE(count < 4 || (matches[1].index2 == 1 && matches[1].distance == 16.0f)) << count;
     EXPECT_EQ(std::make_pair(matches[3].index2, matches[3].distance), (Pair{0, 3.4028235e38f}));
   }
   EXPECT_TRUE(disSort(Match{5, 0, 1.0f}, Match{0, 5, 2.0f}));
@@ -332,8 +322,7 @@ TEST(FindMatch, NearestByCalDistanceLowestIndexFirst) {
   EXPECT_TRUE(matches.empty());
 }
 
-// Bytes with the extremes over-represented, floats mostly ordinary (nine-term sums not all NaN);
-// row kernels over every interior row, element kernels apart and in place over either input.
+// Extreme bytes, ordinary floats (sums not all NaN); element kernels apart and in place.
 struct GradientFamily {
   static constexpr const char* kName = "Gradient";
   using Kernels = GradientKernels;
@@ -381,8 +370,7 @@ struct GradientFamily {
   }
 };
 
-// Derivatives mostly in their range and sometimes any int32; scales of the usual block sizes,
-// of none (infinite) and zero; a dilated plane equal to the response in many places.
+// Derivatives mostly in range, scales usual, infinite and zero, dilated often equal to response.
 struct CornerFamily {
   static constexpr const char* kName = "Corners";
   using Kernels = CornerKernels;
