@@ -142,9 +142,8 @@ TEST(Corners, SpacingQualityAndLimits) {
   for (const auto& [w, h] : {std::pair<int, int>{2, 50}, {50, 2}, {1, 1}}) {
     EXPECT_TRUE(Detect(testutil::TexturedImage(w, h, 1), w, h, 1).empty());
   }
-  // Greedy over all candidates (a distance of 1 keeps them all) through every grid cell; nothing
-  // at a distance of zero or less (spacing is the only path to the output); the limit cuts the
-  // prefix (none at zero or less); corners are appended, not cleared.
+  // Greedy over all candidates (distance 1 keeps them all) through every grid cell; nothing at a
+  // distance of zero or less; the limit cuts the prefix (none at zero or less); appended.
   for (const auto& [w, h, d] : {std::tuple{97, 61, 7}, {160, 120, 15}, {33, 200, 3}}) {
     const Image img = testutil::TexturedImage(w, h, w);
     std::vector<Pointf> expected;
@@ -225,10 +224,8 @@ TEST(Descriptor, ByteRangedAndTranslationInvariant) {
   EXPECT_EQ(Describe(img, Pointf{-50, -50}, w, h), Floats(kLen, 0.0f));
 }
 
-// The batch path of both entries and of genDescripter (vector kernels of the gradient family)
-// reproduces calcDescriptor bit for bit: the entries' corners with their own minimum distances,
-// appended to keypoints already there (not cleared), the input untouched; keypoints at and
-// beyond the borders.
+// The entries and genDescripter reproduce calcDescriptor bit for bit: corners at each entry's
+// distance appended to keypoints already there, input untouched; keypoints past the borders.
 TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
   const auto expect_described = [](Image bytes, const std::vector<Pointf>& keypoints,
                                    const std::vector<float*>& got, int w, int h) {
@@ -275,10 +272,9 @@ std::vector<float*> Ptrs(Floats& values) {
   return ptrs;
 }
 
-// calDistance sums float squares in double: 4096^2 and 63 ones (a float sum loses the ones).
-// Matches appended in order, the first nearest by calDistance at every panel remainder: of
-// candidates 1 and 3, mirror images around descriptor 0, 1 wins; NaN descriptor 2 matches 0 at
-// the float max. An empty set prints one line and adds nothing.
+// calDistance sums float squares in double (4096^2 and 63 ones); matches appended in order, the
+// first nearest at every panel remainder (1 of the mirror pair 1 and 3), a NaN descriptor 0 at
+// the float max; an empty set prints one line and adds nothing.
 TEST(FindMatch, NearestByCalDistanceLowestIndexFirst) {
   Floats zero(kLen, 0.0f), ones(kLen, 1.0f);
   ones[0] = 4096.0f;
@@ -424,8 +420,7 @@ struct CornerFamily {
   }
 };
 
-// width candidates against height query descriptors: values across the descriptor range, some
-// equal to the query's (zero terms) and some far beyond it (sums that need the double).
+// Candidates some equal to the query (zero terms), some far beyond (sums that need the double).
 struct MatchFamily {
   static constexpr const char* kName = "Match";
   using Kernels = MatchKernels;
@@ -437,14 +432,11 @@ struct MatchFamily {
   };
   static Case Make(int width, int height, uint32_t seed) {
     std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> u(0.0f, 255.0f);
-    std::uniform_int_distribution<int> pick(0, 9);
-    Case c{width, std::vector<float>(static_cast<size_t>(height) * kLen), {}};
-    for (float& v : c.queries) v = u(rng);
-    std::vector<float> candidates(static_cast<size_t>(width) * kLen);
+    Case c{width, Values(height, seed), {}};
+    Floats candidates = Values(width, seed + 1);
     for (size_t i = 0; i < candidates.size(); ++i) {
-      const int p = pick(rng);
-      candidates[i] = p == 0 ? c.queries[i % kLen] : p == 1 ? u(rng) * 1e4f : u(rng);
+      const int p = rng() % 10;
+      candidates[i] = p == 0 ? c.queries[i % kLen] : p == 1 ? candidates[i] * 1e4f : candidates[i];
     }
     float* packed = PackPanels(Ptrs(candidates).data(), width);
     c.panels.assign(packed, packed + (width + kPanel - 1) / kPanel * kPanelFloats);

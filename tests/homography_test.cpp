@@ -41,8 +41,7 @@ double MaxDeviation(const double* a, const double* b) {
   return worst;
 }
 
-// Pairs under h with destination noise of +-noise per axis, the first share of them (at random
-// places like the rest) made gross outliers 20 to 200 pixels away.
+// Pairs under h, +-noise per axis; the first share made outliers 20 to 200 pixels away.
 struct Planted {
   Points src, dst;
   std::vector<unsigned char> inlier;
@@ -83,8 +82,7 @@ TEST(RunKernel, FitsExactPairsOnItsJacobiSolver) {
   double h[9];
   EXPECT_EQ(runKernel(5, line, line, h), 1);
   EXPECT_TRUE(std::isnan(h[0]));
-  // Diagonal input is not rotated; the selection sort by strictly larger lets a swap carry an
-  // equal value past another (the 1s of the last case); the row stride is 9 whatever n.
+  // Jacobi: diagonal input unrotated; equal values may trade places in the sort; row stride 9.
   const std::pair<std::vector<double>, std::vector<int>> cases[] = {
       {{1, 5, 5}, {1, 2, 0}}, {{5, 5, 1}, {0, 1, 2}}, {{1, 2, 1, 3}, {3, 1, 2, 0}}};
   for (const auto& [diagonal, unit_of_row] : cases) {
@@ -150,8 +148,7 @@ TEST(GetSubset, MultiplyWithCarryDrawsOfNonCollinearSubsets) {
   checkPartialSubsets = false;
 }
 
-// Identity model, threshold 3: the squared error is compared with 9 after rounding to float.
-// The errors of a perspective model with H[8] = 7, which is not read, against its projection.
+// Squared error against 9 after rounding to float, inclusive; H[8] (here 7) is never read.
 TEST(FindInliers, InclusiveOnTheFloatRoundedErrorAndTheIterationCount) {
   for (const double dx : {3.0, 3.0 + 1e-9, -3.0, 3.000001, 5.0}) {
     Point2D64f a = {10.0, 20.0}, b = {10.0 + dx, 20.0};
@@ -215,8 +212,7 @@ TEST(FindHomography, RecoversPlantedInliersUnlessTooFewOrCollinear) {
   EXPECT_LT(MaxDeviation(h, kTrue), 1e-6);
 }
 
-// Exact pairs: all inliers after the first model, whose iteration count falls to 0 (one subset
-// drawn in all); only nine bytes of the model reach the caller's array.
+// Exact pairs: one model, iterations fall to 0 (one subset drawn); nine bytes reach the caller.
 TEST(RunRansac, ExactPairsStopAfterOneModelAndHandOverNineBytes) {
   Planted p = Plant(50, 0.0, 0.0, 8);
   unsigned char model[72];
@@ -244,8 +240,7 @@ TEST(RunRansac, ExactPairsStopAfterOneModelAndHandOverNineBytes) {
 
 auto Edges(const Rect& r) { return std::make_tuple(r.left, r.top, r.right, r.bottom); }
 
-// The inverse undoes the mapping; a diagonal gives the exact reciprocals; a singular matrix is
-// not guarded against and gives non-finite values.
+// The inverse undoes the mapping, exactly for a diagonal; a singular one: unguarded, non-finite.
 TEST(Utilities, InvertDiffHAndCropAndThrow) {
   double h[9] = {-1.3, 0.7, 1.9, 0.2, -0.4, 1.1, 1.6, -0.9, 0.3}, inv[9];
   invert(h, inv);
@@ -258,8 +253,7 @@ TEST(Utilities, InvertDiffHAndCropAndThrow) {
   EXPECT_EQ(std::make_tuple(inv[0], inv[4], inv[8]), std::make_tuple(0.5, 0.25, 0.125));
   invert(singular, inv);
   EXPECT_FALSE(std::isfinite(inv[0]));
-  // diffH: eight differences of 2^-25 after one of 1 are each lost to float rounding; before it
-  // they sum to 2^-22 first, which survives.
+  // diffH rounds to float after each addition: 8 x 2^-25 lost after 1, kept as 2^-22 before.
   const double tiny = std::ldexp(1.0, -25);
   double zero[9] = {}, small_last[9], small_first[9];
   for (int i = 0; i < 9; ++i) small_last[i] = small_first[i] = -tiny;  // |difference| counts
@@ -295,8 +289,7 @@ TEST(Utilities, InvertDiffHAndCropAndThrow) {
   }
 }
 
-// A 200 x 200 frame: n distinct descriptors, the same for A and B, A's keypoints those of B
-// moved by (dx, 0) on the 100 x 100 half grid, so that the estimate is a shift of dx.
+// 200 x 200: distinct descriptors shared by A and B, A's keypoints B's moved by (dx, 0).
 TEST(ImageRegistration, OutcomesAtEachThreshold) {
   const struct {
     int n, dx;
