@@ -1,12 +1,9 @@
-// The perspective warps: the rules of each member on planes and frames built so the expected
-// result is known independently, the split frame warp against a literal six-plane rendering, and
-// every vector variant against the scalar rows on random homographies.
+// The perspective warps: each member's rule, and the vector variants.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <random>
 #include <vector>
 
@@ -20,6 +17,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Matrix = std::vector<double>;
+using PlaneWarp = void (*)(double*, unsigned char*, unsigned char*, int, int);
 
 Matrix Translation(double tx, double ty) { return {1, 0, tx, 0, 1, ty, 0, 0, 1}; }
 
@@ -27,124 +25,39 @@ Bytes RandomFrameBuffer(int width, int height, uint32_t seed) {
   return testutil::Packed(testutil::RandomFrame(width, height, seed));
 }
 
-uint8_t At(const Bytes& plane, int width, int x, int y) { return plane[y * width + x]; }
-
-TEST(PlaneWarps, IdentityReproducesAndIntegerTranslationShifts) {
-  const int w = 13, h = 9;
-  const Bytes src = testutil::RandomBytes(w * h, 1);
-  // Half-resolution members: a translation t of H moves the plane by 2t.
-  struct Case {
-    void (*warp)(double*, unsigned char*, unsigned char*, int, int);
-    double scale;
-  };
-  for (const Case& c : {Case{perspectiveWarp, 1.0}, Case{perspectiveWarpOP, 0.5},
-                        Case{perspectiveWarpNN, 0.5}}) {
-    const std::pair<int, int> shifts[] = {{0, 0}, {2, 0}, {0, -4}, {-6, 2}, {4, 4}};
-    for (auto [tx, ty] : shifts) {
-      Matrix H = Translation(tx * c.scale, ty * c.scale);
-      Bytes dst(w * h);
-      c.warp(H.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
-      for (int y = 0; y < h; ++y) {
-        for (int x = 0; x < w; ++x) {
-          const int sx = x + tx, sy = y + ty;
-          const bool in = sx >= 0 && sx < w && sy >= 0 && sy < h;
-          ASSERT_EQ(At(dst, w, x, y), in ? At(src, w, sx, sy) : 255)
-              << "scale " << c.scale << " shift " << tx << "," << ty << " at " << x << "," << y;
-        }
-      }
-    }
-  }
-}
-
-TEST(PlaneWarps, BilinearBlendsRoundOrTruncateAsDefined) {
-  // One row 10 20 21 ...: halfway between 10 and 20 is 15; between 20 and 21 (20.5) the double
-  // blend rounds half away from zero to 21, the fixed-point blend truncates to 20.
-  Bytes src = {10, 20, 21, 40, 10, 20, 21, 40};  // two rows, so the vertical weight is 0
-  Bytes dst(8);
-  Matrix half = Translation(0.5, 0.0);
-  perspectiveWarp(half.data(), src.data(), dst.data(), 4, 2);
-  EXPECT_EQ(dst[0], 15);
-  EXPECT_EQ(dst[1], 21);
-  EXPECT_EQ(dst[3], 255);  // 3.5 is beyond the last column
-  Matrix quarter = Translation(0.25, 0.0);  // sx = x + 0.5 at full resolution: weight 1024
-  perspectiveWarpOP(quarter.data(), src.data(), dst.data(), 4, 2);
-  EXPECT_EQ(dst[0], 15);
-  EXPECT_EQ(dst[1], 20);
-  // A weight between steps truncates: 0.3 of the way from 10 to 20 is (int)(0.3 * 2048) = 614,
-  // (1434 * 10 + 614 * 20) * 2048 >> 22 = 12 (12.99 truncated).
-  Matrix tenth = Translation(0.15, 0.0);
-  perspectiveWarpOP(tenth.data(), src.data(), dst.data(), 4, 2);
-  EXPECT_EQ(dst[0], (1434 * 10 + 614 * 20) * 2048 >> 22);
-}
-
-TEST(PlaneWarps, BoundsInclusiveForBilinearRoundedForNearest) {
-  const int w = 6, h = 4;
-  Bytes src = testutil::RandomBytes(w * h, 2);
-  std::replace(src.begin(), src.end(), uint8_t{255}, uint8_t{254});
-  Bytes dst(w * h);
-  // Left by 0.4: column 0 reads -0.4, out of view for the bilinear members, rounded into
-  // column 0 by the nearest one.
-  Matrix left = Translation(-0.2, 0.0);
-  perspectiveWarpOP(left.data(), src.data(), dst.data(), w, h);
-  EXPECT_EQ(At(dst, w, 0, 1), 255);
-  perspectiveWarpNN(left.data(), src.data(), dst.data(), w, h);
-  EXPECT_EQ(At(dst, w, 0, 1), At(src, w, 0, 1));
-  // Right by 0.6: the last column reads width - 0.4, which rounds to width: out of view; the
-  // one before reads width - 1.4 and takes the last column.
-  Matrix right = Translation(0.3, 0.0);
-  perspectiveWarpNN(right.data(), src.data(), dst.data(), w, h);
-  EXPECT_EQ(At(dst, w, w - 1, 1), 255);
-  EXPECT_EQ(At(dst, w, w - 2, 1), At(src, w, w - 1, 1));
-  // Exactly on the last row and column is in view, blended with the repeated edge sample.
-  Matrix corner = Translation(w - 1.0, h - 1.0);
-  perspectiveWarp(corner.data(), src.data(), dst.data(), w, h);
-  EXPECT_EQ(At(dst, w, 0, 0), At(src, w, w - 1, h - 1));
-  EXPECT_EQ(At(dst, w, 1, 0), 255);
-}
-
-TEST(PlaneWarps, OutOfViewAndDegenerateMappingsAre255) {
-  const int w = 9, h = 5;
-  Bytes src = testutil::RandomBytes(w * h, 3);
-  constexpr double kInf = std::numeric_limits<double>::infinity();
-  // Far away, a zero matrix (0 / 0 is NaN everywhere), an infinite and a huge translation.
-  for (Matrix H : {Translation(1e4, 0), Translation(0, -1e4), Matrix(9, 0.0),
-                   Translation(kInf, 0), Translation(0, 1e300), Translation(-3e9, 0)}) {
-    for (auto warp : {perspectiveWarp, perspectiveWarpOP, perspectiveWarpNN}) {
-      Bytes dst(w * h, 7);
-      warp(H.data(), src.data(), dst.data(), w, h);
-      EXPECT_EQ(dst, Bytes(w * h, 255)) << H[2] << "," << H[5];
-    }
-  }
-}
-
-// The split family written out as the plain rule: replicated chroma planes, one fixed-point and
-// two nearest warps of whole planes, a 2x2 mean. Planes are read flat; what lies beyond a
-// plane reads as 255 and writes beyond the chroma plane are dropped.
-Bytes LiteralSplit(Matrix H, const Bytes& src, Bytes dst, int w, int h) {
-  const size_t n = static_cast<size_t>(w) * h, chroma = static_cast<size_t>(h / 2) * w;
-  Bytes uv(chroma + 2 * w + 2, 255), c0(n), c1(n), luma(src.begin(), src.begin() + n);
-  std::copy(src.begin() + n, src.end(), uv.begin());
-  for (size_t i = 0; i < n; ++i) {
-    const size_t j = (i / w / 2) * w + ((i % w) & ~size_t{1});
-    c0[i] = uv[j];
-    c1[i] = uv[j + 1];
-  }
-  Bytes warped_luma(n), w0(n + w + 2, 255), w1(n + w + 2, 255);
-  WarpFixedPointPlane(scalar::kWarp, H.data(), luma.data(), warped_luma.data(), w, h);
-  WarpNearestPlane(scalar::kWarp, H.data(), c0.data(), w0.data(), w, h);
-  WarpNearestPlane(scalar::kWarp, H.data(), c1.data(), w1.data(), w, h);
-  std::copy(warped_luma.begin(), warped_luma.end(), dst.begin());
-  Bytes out_uv(dst.begin() + n, dst.end());
-  out_uv.resize(chroma + w + 2);
-  for (int y = 0; y < h; y += 2) {
-    for (int x = 0; x < w; x += 2) {
-      const size_t f = static_cast<size_t>(y) * w + x, at = (y / 2) * w + x;
-      out_uv[at] = (w0[f] + w0[f + 1] + w0[f + w] + w0[f + w + 1]) >> 2;
-      out_uv[at + 1] = (w1[f] + w1[f + 1] + w1[f + w] + w1[f + w + 1]) >> 2;
-    }
-  }
-  std::copy(out_uv.begin(), out_uv.begin() + chroma, dst.begin() + n);
+Bytes Warp(PlaneWarp warp, Matrix H, Bytes src, int w, int h, Bytes dst) {
+  warp(H.data(), src.data(), dst.data(), w, h);
   return dst;
+}
+
+// Blends and bounds on a row 10 20 21 40 50 60 (two equal rows: vertical weight 0). Bilinear
+// members take real positions from 0 to width - 1 inclusive; the double blend rounds half away
+// from zero (20.5 -> 21), the fixed-point one truncates its 11-bit weights (0.3 -> 614, 12.99
+// -> 12); the nearest member rounds first and tests the rounded position against the width.
+TEST(PlaneWarps, BlendsAndBoundsOfEachMember) {
+  const Bytes src = {10, 20, 21, 40, 50, 60, 10, 20, 21, 40, 50, 60};
+  const struct {
+    PlaneWarp warp;
+    double tx, ty;  // of H; the half-resolution members move by twice as much
+    Bytes row;
+  } cases[] = {
+      {perspectiveWarp, 0.5, 0, {15, 21, 31, 45, 55, 255}},
+      {perspectiveWarp, 5, 1, {60, 255, 255, 255, 255, 255}},  // exactly the last column and row
+      {perspectiveWarpOP, 0.25, 0, {15, 20, 30, 45, 55, 255}},
+      {perspectiveWarpOP, 0.15, 0, {12, 20, 26, 42, 52, 255}},
+      {perspectiveWarpOP, -0.2, 0, {255, 15, 20, 32, 45, 55}},  // -0.4 is out of view
+      {perspectiveWarpNN, -0.2, 0, {10, 20, 21, 40, 50, 60}},   // -0.4 rounds to 0
+      {perspectiveWarpNN, 0.3, 0, {20, 21, 40, 50, 60, 255}},   // 5.6 rounds to the width
+  };
+  for (const auto& c : cases) {
+    const Bytes dst = Warp(c.warp, Translation(c.tx, c.ty), src, 6, 2, Bytes(12));
+    EXPECT_EQ(Bytes(dst.begin(), dst.begin() + 6), c.row) << c.tx;
+    // The degenerate: 0 / 0 everywhere, infinite and beyond-int positions, all out of view.
+    for (Matrix H : {Matrix(9, 0.0), Translation(INFINITY, 0), Translation(0, 1e300),
+                     Translation(-3e9, 0)}) {
+      EXPECT_EQ(Warp(c.warp, H, src, 6, 2, Bytes(12, 7)), Bytes(12, 255)) << H[2];
+    }
+  }
 }
 
 // Homographies of every kind the warps meet: near-identity, rotations, strong perspective (the
@@ -167,119 +80,93 @@ std::vector<Matrix> Homographies(int w, int h, uint32_t seed) {
   return hs;
 }
 
-TEST(SplitFrameWarp, MatchesTheLiteralSixPlaneRule) {
-  for (auto [w, h] : ConformanceSizes()) {
-    if (w > 64) continue;  // the vector rows are held to the scalar ones at large sizes below
-    const Bytes src = RandomFrameBuffer(w, h, w * 31 + h);
-    const Bytes before = testutil::RandomBytes(src.size(), 9);
-    for (Matrix H : Homographies(w, h, w + 100 * h)) {
-      Bytes dst = before;
-      perspectiveWarpYUV_OP(H.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
-      ASSERT_EQ(dst, LiteralSplit(H, src, before, w, h)) << w << "x" << h << " H[2] " << H[2];
-    }
-  }
-}
-
-// (The identity, which reproduces the frame, is the first homography of the literal rule's test.)
-TEST(SplitFrameWarp, InPlaceAndApartAlike) {
-  const int w = 10, h = 6, n = w * h;
+// The split family: luma by the fixed-point warp, chroma bytes replicated over their 2x2 blocks,
+// warped nearest and folded back by a truncating mean; 255 out of view, chroma included.
+TEST(SplitFrameWarp, NearestChromaFoldedByATruncatingMean) {
+  const int w = 8, h = 4, n = w * h;
   const Bytes src = RandomFrameBuffer(w, h, 4);
-  Matrix H = {0.98, 0.05, 1.3, -0.04, 1.01, -0.7, 1e-3, -2e-3, 1};
-  Bytes expected(src.size()), in_place = src, y(n), uv(src.size() - n);
-  perspectiveWarpYUV_OP(H.data(), const_cast<uint8_t*>(src.data()), expected.data(), w, h);
+  EXPECT_EQ(Warp(perspectiveWarpYUV_OP, Translation(0, 0), src, w, h, Bytes(src.size())), src);
+  EXPECT_EQ(Warp(perspectiveWarpYUV_OP, Translation(0, 1e4), src, w, h, Bytes(src.size())),
+            Bytes(src.size(), 255));
+  // Half a pixel right: columns 2p and 2p + 1 read 2p + 0.5 and 2p + 1.5, rounded to pairs p and
+  // p + 1 (out of view past the last); in place and planes apart alike.
+  Matrix H = Translation(0.25, 0);
+  const Bytes dst = Warp(perspectiveWarpYUV_OP, H, src, w, h, Bytes(src.size()));
+  EXPECT_EQ(Bytes(dst.begin(), dst.begin() + n),
+            Warp(perspectiveWarpOP, H, Bytes(src.begin(), src.begin() + n), w, h, Bytes(n)));
+  for (int i = n; i < n + n / 2; ++i) {
+    EXPECT_EQ(dst[i], (2 * src[i] + 2 * ((i - n) % w + 2 < w ? src[i + 2] : 255)) >> 2) << i;
+  }
+  Bytes in_place = src, planes = src, apart(src.size());
   perspectiveWarpYUV_OP(H.data(), in_place.data(), in_place.data(), w, h);
-  EXPECT_EQ(in_place, expected);
-  Bytes planes = src;
-  perspectiveWarpYUV_OP_1(H.data(), planes.data(), planes.data() + n, y.data(), uv.data(), w, h);
-  y.insert(y.end(), uv.begin(), uv.end());
-  EXPECT_EQ(y, expected);
+  perspectiveWarpYUV_OP_1(H.data(), planes.data(), planes.data() + n, apart.data(),
+                          apart.data() + n, w, h);
+  EXPECT_EQ(in_place, dst);
+  EXPECT_EQ(apart, dst);
+  // An odd width: the lone last chroma byte of a row sums its own byte twice, the next row's
+  // first and, below the last row, 255 (what lies beyond a plane reads as out of view).
+  const Bytes odd = RandomFrameBuffer(5, 2, 8);
+  Bytes expected = odd;
+  expected[14] = static_cast<uint8_t>((2 * odd[14] + odd[10] + 255) >> 2);
+  EXPECT_EQ(Warp(perspectiveWarpYUV_OP, Translation(0, 0), odd, 5, 2, Bytes(odd.size())), expected);
 }
 
 TEST(DirectFrameWarp, LumaZeroOutOfViewChromaUntouchedOr128) {
   const int w = 12, h = 8, n = w * h;
-  const Bytes src = RandomFrameBuffer(w, h, 5);
-  const Bytes before(src.size(), 77);
-  Matrix identity = Translation(0, 0);
-  Bytes dst = before;
-  perspectiveWarpYUV(identity.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
-  EXPECT_EQ(dst, src);
+  const Bytes src = RandomFrameBuffer(w, h, 5), before(src.size(), 77);
+  EXPECT_EQ(Warp(perspectiveWarpYUV, Translation(0, 0), src, w, h, before), src);
   // Everything out of view: luma 0, chroma as the destination held it.
-  Matrix away = Translation(-100, 0);
-  for (auto warp : {perspectiveWarpYUV, perspectiveWarpYUV_B}) {
-    dst = before;
-    warp(away.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
-    EXPECT_EQ(Bytes(dst.begin(), dst.begin() + n), Bytes(n, 0));
-    EXPECT_EQ(Bytes(dst.begin() + n, dst.end()), Bytes(before.begin() + n, before.end()));
+  for (PlaneWarp warp : {perspectiveWarpYUV, perspectiveWarpYUV_B}) {
+    Bytes expected = before;
+    std::fill(expected.begin(), expected.begin() + n, 0);
+    EXPECT_EQ(Warp(warp, Translation(-100, 0), src, w, h, before), expected);
   }
   // A shift of 4 moves the chroma by 4 pairs, not 2 (H at the same scale on the chroma grid);
   // pairs whose luma is in view but whose chroma position is not become (128, 128).
-  Matrix shift = Translation(4, 0);
-  dst = before;
-  perspectiveWarpYUV(shift.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
-  for (int r = 0; r < h / 2; ++r) {
-    for (int p = 0; p < w / 2; ++p) {
-      const int at = n + r * w + 2 * p;
-      const bool luma_in = 2 * p + 4 <= w - 1, chroma_in = p + 4 <= w / 2 - 1;
-      const int first = !luma_in ? 77 : chroma_in ? src[at + 8] : 128;
-      const int second = !luma_in ? 77 : chroma_in ? src[at + 9] : 128;
-      ASSERT_EQ(dst[at], first) << r << "," << p;
-      ASSERT_EQ(dst[at + 1], second) << r << "," << p;
-    }
+  const Bytes dst = Warp(perspectiveWarpYUV, Translation(4, 0), src, w, h, before);
+  for (int i = n; i < n + n / 2; ++i) {
+    const int p = (i - n) % w / 2;  // the pair, whose luma column is 2p
+    ASSERT_EQ(dst[i], 2 * p + 4 > w - 1 ? 77 : p + 4 < w / 2 ? src[i + 8] : 128) << i;
   }
-  // Odd sizes: only blocks holding a whole destination pair get chroma; the lone last byte of a
-  // chroma row and the last luma row of an odd height write nothing beyond the luma.
-  const Bytes odd = RandomFrameBuffer(5, 3, 8);
-  dst.assign(odd.size(), 77);
-  perspectiveWarpYUV(identity.data(), const_cast<uint8_t*>(odd.data()), dst.data(), 5, 3);
-  EXPECT_EQ(Bytes(dst.begin(), dst.end() - 1), Bytes(odd.begin(), odd.end() - 1));
-  EXPECT_EQ(dst.back(), 77);
+  const Bytes odd = RandomFrameBuffer(5, 3, 8);  // the lone last chroma byte is not written
+  Bytes expected(odd.begin(), odd.end() - 1), fill(odd.size(), 77);
+  expected.push_back(77);
+  EXPECT_EQ(Warp(perspectiveWarpYUV, Translation(0, 0), odd, 5, 3, fill), expected);
 }
 
-TEST(BorderedFrame, MirroredRowsAndColumnsWithSwappedChromaPairs) {
-  const int w = 6, h = 6, bw = w + 4;
-  Bytes src = RandomFrameBuffer(w, h, 6);
-  Bytes dst((w + 4) * (h + 4) * 3 / 2);
+// interBorder mirrors luma repeating the edge, replicates one chroma row above and below and
+// mirrors the bytes of one pair each side (swapped); perspectiveWarpYUV_B reads it with chroma x
+// one pair too far (+2 on a border of one pair) and y where it belongs (+1).
+TEST(BorderedFrame, MirroredBordersAndTheWarpsOffsets) {
+  const int w = 6, h = 6, bw = w + 4, n = w * h;
+  Bytes src = RandomFrameBuffer(w, h, 6), dst(bw * (h + 4) * 3 / 2);
   interBorder(src.data(), dst.data(), w, h);
-  // Luma: reflection that repeats the edge, index -1 -> 0, -2 -> 1, n -> n - 1, n + 1 -> n - 2.
   const auto mirror = [](int i, int n) { return i < 0 ? -1 - i : i >= n ? 2 * n - 1 - i : i; };
   for (int r = 0; r < h + 4; ++r) {
     for (int c = 0; c < bw; ++c) {
       ASSERT_EQ(dst[r * bw + c], src[mirror(r - 2, h) * w + mirror(c - 2, w)]) << r << "," << c;
     }
   }
-  // Chroma: one replicated row above and below, one pair each side with its bytes swapped.
-  const uint8_t* uv = src.data() + w * h;
-  const uint8_t* buv = dst.data() + bw * (h + 4);
   for (int r = 0; r < h / 2 + 2; ++r) {
-    const uint8_t* s = uv + std::clamp(r - 1, 0, h / 2 - 1) * w;
-    const uint8_t* b = buv + r * bw;
+    const uint8_t* s = src.data() + n + std::clamp(r - 1, 0, h / 2 - 1) * w;
+    const uint8_t* b = dst.data() + bw * (h + 4) + r * bw;
     EXPECT_EQ(Bytes(b + 2, b + w + 2), Bytes(s, s + w));
     EXPECT_EQ((Bytes{b[0], b[1], b[w + 2], b[w + 3]}), (Bytes{s[1], s[0], s[w - 1], s[w - 2]}));
   }
-  // A single pixel: nothing to mirror, so it fills the bordered luma; no chroma row, so the
-  // bordered chroma is neutral.
-  Bytes pixel = {42};
-  Bytes tiny(5 * 5 * 3 / 2, 0);
-  interBorder(pixel.data(), tiny.data(), 1, 1);
-  EXPECT_EQ(Bytes(tiny.begin(), tiny.begin() + 25), Bytes(25, 42));
-  EXPECT_EQ(Bytes(tiny.begin() + 25, tiny.begin() + 35), Bytes(10, 128));
-}
-
-TEST(BorderedFrame, WarpReadsTheBorderWithItsOffsets) {
-  const int w = 8, h = 6, n = w * h;
-  const Bytes src = RandomFrameBuffer(w, h, 7);
-  Matrix identity = Translation(0, 0);
-  Bytes dst(src.size());
-  perspectiveWarpYUV_B(identity.data(), const_cast<uint8_t*>(src.data()), dst.data(), w, h);
-  EXPECT_EQ(Bytes(dst.begin(), dst.begin() + n), Bytes(src.begin(), src.begin() + n));
-  // Chroma x lands one pair too far (+2 on a border of one pair), y where it belongs (+1): each
-  // pair is the next one of the source, the last one the right border's swapped pair.
+  Bytes expected = src;  // each chroma pair the next one, the last the border's swapped pair
   for (int r = 0; r < h / 2; ++r) {
-    const int row = n + r * w;
-    for (int x = 0; x + 2 < w; ++x) ASSERT_EQ(dst[row + x], src[row + x + 2]) << r << "," << x;
-    EXPECT_EQ(dst[row + w - 2], src[row + w - 1]);
-    EXPECT_EQ(dst[row + w - 1], src[row + w - 2]);
+    uint8_t* row = expected.data() + n + r * w;
+    std::rotate(row, row + 2, row + w);
+    row[w - 2] = row[w - 3];
+    row[w - 1] = row[w - 4];
   }
+  EXPECT_EQ(Warp(perspectiveWarpYUV_B, Translation(0, 0), src, w, h, Bytes(src.size())), expected);
+  // A single pixel fills the bordered luma; with no chroma row the bordered chroma is neutral.
+  Bytes pixel = {42}, tiny(25 + 10, 0);
+  expected.assign(25, 42);
+  expected.resize(tiny.size(), 128);
+  interBorder(pixel.data(), tiny.data(), 1, 1);
+  EXPECT_EQ(tiny, expected);
 }
 
 // Every member of the family on one frame through homographies of every kind; large frames run
