@@ -140,16 +140,72 @@ bool LooksLikeVideo(const std::string& path, const uint8_t* head, size_t size) {
 
 std::unique_ptr<VideoSource> VideoSource::Open(const std::string& path, bool looks_like_video,
                                                bool* recognised, std::string* error) {
+  return OpenInput(std::unique_ptr<VideoSource>(new VideoSource(path)), looks_like_video,
+                   recognised, error);
+}
+
+std::unique_ptr<VideoSource> VideoSource::OpenMemory(const uint8_t* data, size_t size,
+                                                     const std::string& name,
+                                                     bool looks_like_video, bool* recognised,
+                                                     std::string* error) {
+  std::unique_ptr<VideoSource> video(new VideoSource(name));
+  video->memory_ = data;
+  video->memory_size_ = size;
+  // libavformat reads through a block of its own (it may replace it by a larger one, so the
+  // context's current block is the one freed).
+  constexpr int kBlockBytes = 64 << 10;
+  auto* block = static_cast<unsigned char*>(av_malloc(kBlockBytes));
+  if (block == nullptr) throw std::bad_alloc();
+  video->io_ = avio_alloc_context(block, kBlockBytes, 0, video.get(), ReadMemory, nullptr,
+                                  SeekMemory);
+  if (video->io_ == nullptr) {
+    av_free(block);
+    throw std::bad_alloc();
+  }
+  return OpenInput(std::move(video), looks_like_video, recognised, error);
+}
+
+int VideoSource::ReadMemory(void* opaque, uint8_t* to, int size) {
+  VideoSource* self = static_cast<VideoSource*>(opaque);
+  const size_t n = std::min(size_t(std::max(size, 0)), self->memory_size_ - self->memory_at_);
+  if (n == 0) return AVERROR_EOF;
+  std::memcpy(to, self->memory_ + self->memory_at_, n);
+  self->memory_at_ += n;
+  return int(n);
+}
+
+int64_t VideoSource::SeekMemory(void* opaque, int64_t offset, int whence) {
+  VideoSource* self = static_cast<VideoSource*>(opaque);
+  const int64_t size = int64_t(self->memory_size_);
+  int64_t base = 0;
+  switch (whence & ~AVSEEK_FORCE) {
+    case AVSEEK_SIZE: return size;
+    case SEEK_SET: base = 0; break;
+    case SEEK_CUR: base = int64_t(self->memory_at_); break;
+    case SEEK_END: base = size; break;
+    default: return AVERROR(EINVAL);
+  }
+  // Offsets come from the container's own fields: any value, checked before it is added.
+  if (offset < -base || offset > size - base) return AVERROR(EINVAL);
+  self->memory_at_ = size_t(base + offset);
+  return base + offset;
+}
+
+std::unique_ptr<VideoSource> VideoSource::OpenInput(std::unique_ptr<VideoSource> video,
+                                                    bool looks_like_video, bool* recognised,
+                                                    std::string* error) {
   static const bool quiet = [] {
     av_log_set_callback(KeepLastError);
     return true;
   }();
   (void)quiet;
   *recognised = false;
-  std::unique_ptr<VideoSource> video(new VideoSource(path));
+  const std::string& path = video->path_;
   video->format_ = avformat_alloc_context();
   if (video->format_ == nullptr) throw std::bad_alloc();
   video->format_->interrupt_callback.callback = StopCallback;
+  // With an I/O context of its own the name only hints at the container by its extension.
+  video->format_->pb = video->io_;
   int status = avformat_open_input(&video->format_, path.c_str(), nullptr, nullptr);
   if (status < 0) {
     *recognised = looks_like_video;
@@ -216,7 +272,11 @@ VideoSource::~VideoSource() {
   av_frame_free(&picture_);
   av_packet_free(&packet_);
   avcodec_free_context(&codec_);
-  avformat_close_input(&format_);
+  avformat_close_input(&format_);  // leaves a caller's I/O context alone
+  if (io_ != nullptr) {
+    av_freep(&io_->buffer);
+    avio_context_free(&io_);
+  }
 }
 
 bool VideoSource::decode(std::string* error) {
