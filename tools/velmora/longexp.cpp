@@ -172,6 +172,7 @@ bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vecto
   // even if a stop came meanwhile.
   if (read_next(buffer.data())) ok = hand_in(buffer.data(), read);
   std::vector<std::vector<uint8_t>> ahead;
+  ahead.reserve(kReadAhead);  // the frames' own buffers are the allocations that may fail
   while (ok && !ended && tracker.marked() > 0 && ahead.size() < kReadAhead &&
          tracker.folded() == 0) {
     std::vector<uint8_t> next;
