@@ -1,6 +1,7 @@
 // The tool's readers on any file content: raw frames, PNG, JPEG and videos (any container and
-// codec FFmpeg knows). The content lives in an anonymous memory file, opened by its
-// /proc/self/fd path: the readers take paths, and nothing touches the disk.
+// codec FFmpeg knows). Videos are read from memory through FFmpeg's custom I/O; the other
+// readers take paths, so their content lives in an anonymous memory file opened by its
+// /proc/self/fd path. Nothing touches the disk.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -52,19 +53,24 @@ void Run(FuzzInput& in) {
   const uint8_t skips = in.Byte();  // bit i: skip frame i rather than read it
   std::vector<uint8_t> content(in.remaining());
   in.Fill(content.data(), content.size());
-  const MemoryFile file(content);
 
   std::string error;
   std::unique_ptr<FrameSource> source;
-  switch (kind) {
-    case kRaw: source = FileFrameSource::Open({file.path(), file.path()}, raw, order, &error); break;
-    case kPng: source = PictureSource::Open(file.path(), PictureFormat::kPng, &error); break;
-    case kJpeg: source = PictureSource::Open(file.path(), PictureFormat::kJpeg, &error); break;
-    case kVideo: {
-      bool recognised = false;
-      const bool looks = LooksLikeVideo(file.path(), content.data(), content.size());
-      source = VideoSource::Open(file.path(), looks, &recognised, &error);
-      break;
+  std::unique_ptr<MemoryFile> file;
+  if (kind == kVideo) {
+    // No name, so that only the content tells the container.
+    const std::string name = "fuzz-input";
+    bool recognised = false;
+    const bool looks = LooksLikeVideo(name, content.data(), content.size());
+    source = VideoSource::OpenMemory(content.data(), content.size(), name, looks, &recognised,
+                                     &error);
+  } else {
+    file = std::make_unique<MemoryFile>(content);
+    const std::string path = file->path();
+    switch (kind) {
+      case kRaw: source = FileFrameSource::Open({path, path}, raw, order, &error); break;
+      case kPng: source = PictureSource::Open(path, PictureFormat::kPng, &error); break;
+      default: source = PictureSource::Open(path, PictureFormat::kJpeg, &error); break;
     }
   }
   if (!source || source->geometry().frameBytes() > kMaxFrameBytes) return;

@@ -1,5 +1,5 @@
-// The pieces of `velmora convert`: PNG in and out, the conversion from RGB to NV12/NV21 (the
-// inverse of the library's), resampling with the library, numbered output names.
+// The pieces of `velmora convert`: PNG in and out, resampling with the library, numbered output
+// names. RGB becomes frames through RgbToNv12 (rgb_to_nv12.h), like every picture the tool reads.
 #ifndef VELMORA_TOOL_CONVERT_H
 #define VELMORA_TOOL_CONVERT_H
 
@@ -21,11 +21,6 @@ struct RgbImage {
 // Decodes any PNG (grey, palette, 16-bit, alpha composited onto black) as 8-bit RGB. On failure
 // returns false with *error naming the file.
 bool ReadPngFile(const std::string& path, RgbImage* image, std::string* error);
-
-// A frame of the image's size (both sides even) in the given chroma order: full-range BT.601 as
-// the library's NV12toRGBA8888 defines it, inverted exactly and rounded to nearest. Luma per
-// pixel; each chroma pair from the mean of its 2x2 block.
-std::vector<uint8_t> RgbToFrame(const RgbImage& image, ChromaOrder order);
 
 // The frame resampled to another size with the library's NV12Linear (either chroma order: the
 // two bytes of a pair are interpolated alike).

@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <new>
 
 #include "aligner.h"
 #include "common/threadPool.h"
@@ -15,6 +16,12 @@ namespace {
 // Frames handed in but not yet folded: enough for reading the next frame to overlap the fold of
 // the previous ones, few enough that the library's per-frame copies stay bounded on long inputs.
 constexpr size_t kFramesInFlight = 4;
+
+// Frames read ahead while the library sets up the mean from the run's first frame, a long first
+// fold (tens of megabytes of means allocated and filled on a 1080p frame) that the second frame
+// must wait for: reading on meanwhile keeps a video's decoder busy instead of idle. Their
+// buffers are released as they are handed in.
+constexpr size_t kReadAhead = 8;
 
 // Counts the frames the library's worker has folded in. The table of operations offers no way
 // to wait for the worker, but the handle folds each frame in a job of the process-wide pool,
@@ -34,6 +41,12 @@ class FoldTracker {
   }
 
   size_t marked() const { return marked_; }
+
+  // Frames folded in so far, without waiting.
+  size_t folded() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return folded_;
+  }
 
   // Blocks until at least count frames are folded in, reporting progress as it grows.
   void waitUntilFolded(size_t count) {
@@ -112,23 +125,31 @@ bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vecto
     return false;
   }
 
-  image frame = FrameRecord(geometry, source.order(), buffer.data());
   rect roi{0, 0, static_cast<int32_t>(geometry.width), static_cast<int32_t>(geometry.height)};
   FoldTracker tracker(progress, source.frameCount());
   bool ok = true;
+  bool ended = false;
+  size_t read = 0;  // frames read, thrown ones included
   error->clear();
-  for (size_t i = 0;; ++i) {
-    // Read while the worker folds the frames already handed in. A frame read in full is folded
-    // even if a stop came meanwhile.
-    if (StopRequested() || !source.next(buffer.data(), error)) {
+  // Reads the next frame into data. At the end, on a stop request or on an error, sets ended
+  // (and ok false on an error) and returns false.
+  auto read_next = [&](uint8_t* data) {
+    if (StopRequested() || !source.next(data, error)) {
+      ended = true;
       ok = error->empty();
       summary->stopped = ok && StopRequested();
-      break;
+      return false;
     }
+    ++read;
+    return true;
+  };
+  // Hands in frame number n, read into data; false when the library refuses it.
+  auto hand_in = [&](uint8_t* data, size_t n) {
+    image frame = FrameRecord(geometry, source.order(), data);
     // Registered here while the worker folds the earlier frames; a thrown frame is skipped.
     if (aligner != nullptr) {
-      const uint8_t* aligned = aligner->align(buffer.data());
-      if (aligned == nullptr) continue;
+      const uint8_t* aligned = aligner->align(data);
+      if (aligned == nullptr) return true;
       frame = FrameRecord(geometry, source.order(), const_cast<uint8_t*>(aligned));
     }
     // The run's first frame sets up the mean, so it must be folded in before the second is
@@ -139,13 +160,35 @@ bool RunLongExposure(FrameSource& source, const ProgressFn& progress, std::vecto
     }
     const int status = api.process_image(handle, &frame, &roi);  // copies the frame
     if (status != VELMORA_OK) {
-      *error = "the library refused frame " + std::to_string(i + 1) + " (status " +
+      *error = "the library refused frame " + std::to_string(n) + " (status " +
                std::to_string(status) + ")";
-      ok = false;
-      break;
+      return false;
     }
     tracker.markLastFrame();
+    return true;
+  };
+
+  // Read while the worker folds the frames already handed in. A frame read in full is folded
+  // even if a stop came meanwhile.
+  if (read_next(buffer.data())) ok = hand_in(buffer.data(), read);
+  std::vector<std::vector<uint8_t>> ahead;
+  ahead.reserve(kReadAhead);  // the frames' own buffers are the allocations that may fail
+  while (ok && !ended && tracker.marked() > 0 && ahead.size() < kReadAhead &&
+         tracker.folded() == 0) {
+    std::vector<uint8_t> next;
+    try {
+      next.resize(geometry.frameBytes());
+    } catch (const std::bad_alloc&) {
+      break;  // reading ahead only saves time
+    }
+    if (!read_next(next.data())) break;
+    ahead.push_back(std::move(next));
   }
+  for (size_t i = 0; ok && i < ahead.size(); ++i) {
+    ok = hand_in(ahead[i].data(), read - ahead.size() + 1 + i);
+    std::vector<uint8_t>().swap(ahead[i]);
+  }
+  while (ok && !ended && read_next(buffer.data())) ok = hand_in(buffer.data(), read);
   // stop_process drops frames still queued, so every frame handed in is waited for first. That
   // also keeps the tracker alive for as long as a marker may run.
   tracker.waitUntilFolded(tracker.marked());

@@ -25,6 +25,7 @@
 #include "inputs.h"
 #include "interrupt.h"
 #include "longexp.h"
+#include "rgb_to_nv12.h"
 #include "velmora/flowing_water.h"
 
 namespace velmora::tool {
@@ -547,7 +548,8 @@ int ConvertPngToFrames(const ParsedArgs& parsed, const CommonOptions& common,
                   std::to_string(first.width) + "x" + std::to_string(first.height) +
                   " (give --scale WxH)");
     }
-    std::vector<uint8_t> frame = RgbToFrame(image, order);
+    std::vector<uint8_t> frame(geometry.frameBytes());
+    RgbToNv12(image.rgb.data(), size_t{image.width} * 3, geometry, frame.data(), order);
     if (scale != nullptr) frame = ScaleFrame(frame, geometry, *scale);
     if (std::fwrite(frame.data(), 1, frame.size(), out->file()) != frame.size()) {
       return Fail(common.output + ": cannot write the output file: " + std::strerror(errno));

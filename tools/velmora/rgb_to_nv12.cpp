@@ -13,9 +13,11 @@ uint8_t RoundToByte(double value) {
 
 }  // namespace
 
-void RgbToNv12(const uint8_t* rgb, size_t stride, FrameGeometry geometry, uint8_t* frame) {
+void RgbToNv12(const uint8_t* rgb, size_t stride, FrameGeometry geometry, uint8_t* frame,
+               ChromaOrder order) {
   const size_t width = geometry.width;
   uint8_t* chroma = frame + geometry.lumaBytes();
+  const size_t u_at = order == ChromaOrder::kNv12 ? 0 : 1;
   for (size_t row = 0; row < geometry.height; ++row) {
     const uint8_t* in = rgb + row * stride;
     uint8_t* luma = frame + row * width;
@@ -33,8 +35,10 @@ void RgbToNv12(const uint8_t* rgb, size_t stride, FrameGeometry geometry, uint8_
         mean[c] = (top[3 * x + c] + top[3 * x + 3 + c] + bottom[3 * x + c] +
                    bottom[3 * x + 3 + c]) / 4.0;
       }
-      pairs[x] = RoundToByte(128.0 - 0.168736 * mean[0] - 0.331264 * mean[1] + 0.5 * mean[2]);
-      pairs[x + 1] = RoundToByte(128.0 + 0.5 * mean[0] - 0.418688 * mean[1] - 0.081312 * mean[2]);
+      pairs[x + u_at] =
+          RoundToByte(128.0 - 0.168736 * mean[0] - 0.331264 * mean[1] + 0.5 * mean[2]);
+      pairs[x + 1 - u_at] =
+          RoundToByte(128.0 + 0.5 * mean[0] - 0.418688 * mean[1] - 0.081312 * mean[2]);
     }
   }
 }

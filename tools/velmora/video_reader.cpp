@@ -7,8 +7,13 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -119,6 +124,83 @@ std::vector<int32_t> ColourTables(AVColorSpace space, bool full) {
 
 inline uint8_t FixedToByte(int32_t v) { return static_cast<uint8_t>(std::clamp(v >> 16, 0, 255)); }
 
+// One byte's affine map in 16.16 fixed point: (v * scale + offset) >> 16, clamped to 0..255.
+struct ByteMap {
+  int32_t scale, offset;
+  uint8_t operator()(uint8_t v) const { return FixedToByte(v * scale + offset); }
+};
+
+#if defined(__SSE2__)
+// The same map on eight bytes widened to 16-bit lanes, exactly, without 32-bit products (SSE2
+// has none): scale = 65536 q + s and offset = 65536 oh + ol with s, ol in 0..65535 give
+// (v scale + offset) >> 16 = v q + oh + ((v s) >> 16) + carry, where carry is 1 when the low
+// halves of v s and ol overflow 16 bits. Fits 16-bit lanes while 255 q + 255 + |oh| does.
+struct ByteMap8 {
+  explicit ByteMap8(ByteMap m)
+      : q(_mm_set1_epi16(int16_t(m.scale >> 16))),
+        s(_mm_set1_epi16(int16_t(uint16_t(m.scale & 0xFFFF)))),
+        oh(_mm_set1_epi16(int16_t(m.offset >> 16))),
+        ol(_mm_set1_epi16(int16_t(uint16_t(m.offset & 0xFFFF)))) {}
+  static bool Fits(ByteMap m) {
+    return m.scale >= 0 && (m.scale >> 16) <= 64 && std::abs(m.offset >> 16) <= 4096;
+  }
+  // v: eight values 0..255 in 16-bit lanes; the result is unclamped (packus clamps).
+  __m128i operator()(__m128i v) const {
+    const __m128i sign = _mm_set1_epi16(int16_t(0x8000));
+    const __m128i low = _mm_mullo_epi16(v, s);
+    const __m128i sum = _mm_add_epi16(low, ol);
+    // Unsigned sum < low, compared as signed after flipping the top bits: all ones on a carry.
+    const __m128i carry = _mm_cmpgt_epi16(_mm_xor_si128(low, sign), _mm_xor_si128(sum, sign));
+    const __m128i whole = _mm_add_epi16(_mm_mullo_epi16(v, q), oh);
+    return _mm_sub_epi16(_mm_add_epi16(whole, _mm_mulhi_epu16(v, s)), carry);
+  }
+  __m128i q, s, oh, ol;
+};
+#endif
+
+// A row of n bytes through one map.
+void MapRow(const uint8_t* in, size_t n, ByteMap m, uint8_t* out) {
+  size_t x = 0;
+#if defined(__SSE2__)
+  if (ByteMap8::Fits(m)) {
+    const ByteMap8 map(m);
+    const __m128i zero = _mm_setzero_si128();
+    for (; x + 16 <= n; x += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + x));
+      const __m128i lo = map(_mm_unpacklo_epi8(v, zero)), hi = map(_mm_unpackhi_epi8(v, zero));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), _mm_packus_epi16(lo, hi));
+    }
+  }
+#endif
+  for (; x < n; ++x) out[x] = m(in[x]);
+}
+
+// n chroma pairs from rows of U and V through their maps, interleaved U, V.
+void MapPairs(const uint8_t* u, const uint8_t* v, size_t n, ByteMap mu, ByteMap mv,
+              uint8_t* out) {
+  size_t x = 0;
+#if defined(__SSE2__)
+  if (ByteMap8::Fits(mu) && ByteMap8::Fits(mv)) {
+    const ByteMap8 map_u(mu), map_v(mv);
+    const __m128i zero = _mm_setzero_si128();
+    for (; x + 16 <= n; x += 16) {
+      const __m128i cu = _mm_loadu_si128(reinterpret_cast<const __m128i*>(u + x));
+      const __m128i cv = _mm_loadu_si128(reinterpret_cast<const __m128i*>(v + x));
+      const __m128i us = _mm_packus_epi16(map_u(_mm_unpacklo_epi8(cu, zero)),
+                                          map_u(_mm_unpackhi_epi8(cu, zero)));
+      const __m128i vs = _mm_packus_epi16(map_v(_mm_unpacklo_epi8(cv, zero)),
+                                          map_v(_mm_unpackhi_epi8(cv, zero)));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2 * x), _mm_unpacklo_epi8(us, vs));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 2 * x + 16), _mm_unpackhi_epi8(us, vs));
+    }
+  }
+#endif
+  for (; x < n; ++x) {
+    out[2 * x] = mu(u[x]);
+    out[2 * x + 1] = mv(v[x]);
+  }
+}
+
 bool IsFullRange(const AVFrame* frame) {
   return frame->color_range == AVCOL_RANGE_JPEG || frame->format == AV_PIX_FMT_YUVJ420P ||
          frame->format == AV_PIX_FMT_YUVJ422P || frame->format == AV_PIX_FMT_YUVJ444P ||
@@ -140,16 +222,72 @@ bool LooksLikeVideo(const std::string& path, const uint8_t* head, size_t size) {
 
 std::unique_ptr<VideoSource> VideoSource::Open(const std::string& path, bool looks_like_video,
                                                bool* recognised, std::string* error) {
+  return OpenInput(std::unique_ptr<VideoSource>(new VideoSource(path)), looks_like_video,
+                   recognised, error);
+}
+
+std::unique_ptr<VideoSource> VideoSource::OpenMemory(const uint8_t* data, size_t size,
+                                                     const std::string& name,
+                                                     bool looks_like_video, bool* recognised,
+                                                     std::string* error) {
+  std::unique_ptr<VideoSource> video(new VideoSource(name));
+  video->memory_ = data;
+  video->memory_size_ = size;
+  // libavformat reads through a block of its own (it may replace it by a larger one, so the
+  // context's current block is the one freed).
+  constexpr int kBlockBytes = 64 << 10;
+  auto* block = static_cast<unsigned char*>(av_malloc(kBlockBytes));
+  if (block == nullptr) throw std::bad_alloc();
+  video->io_ = avio_alloc_context(block, kBlockBytes, 0, video.get(), ReadMemory, nullptr,
+                                  SeekMemory);
+  if (video->io_ == nullptr) {
+    av_free(block);
+    throw std::bad_alloc();
+  }
+  return OpenInput(std::move(video), looks_like_video, recognised, error);
+}
+
+int VideoSource::ReadMemory(void* opaque, uint8_t* to, int size) {
+  VideoSource* self = static_cast<VideoSource*>(opaque);
+  const size_t n = std::min(size_t(std::max(size, 0)), self->memory_size_ - self->memory_at_);
+  if (n == 0) return AVERROR_EOF;
+  std::memcpy(to, self->memory_ + self->memory_at_, n);
+  self->memory_at_ += n;
+  return int(n);
+}
+
+int64_t VideoSource::SeekMemory(void* opaque, int64_t offset, int whence) {
+  VideoSource* self = static_cast<VideoSource*>(opaque);
+  const int64_t size = int64_t(self->memory_size_);
+  int64_t base = 0;
+  switch (whence & ~AVSEEK_FORCE) {
+    case AVSEEK_SIZE: return size;
+    case SEEK_SET: base = 0; break;
+    case SEEK_CUR: base = int64_t(self->memory_at_); break;
+    case SEEK_END: base = size; break;
+    default: return AVERROR(EINVAL);
+  }
+  // Offsets come from the container's own fields: any value, checked before it is added.
+  if (offset < -base || offset > size - base) return AVERROR(EINVAL);
+  self->memory_at_ = size_t(base + offset);
+  return base + offset;
+}
+
+std::unique_ptr<VideoSource> VideoSource::OpenInput(std::unique_ptr<VideoSource> video,
+                                                    bool looks_like_video, bool* recognised,
+                                                    std::string* error) {
   static const bool quiet = [] {
     av_log_set_callback(KeepLastError);
     return true;
   }();
   (void)quiet;
   *recognised = false;
-  std::unique_ptr<VideoSource> video(new VideoSource(path));
+  const std::string& path = video->path_;
   video->format_ = avformat_alloc_context();
   if (video->format_ == nullptr) throw std::bad_alloc();
   video->format_->interrupt_callback.callback = StopCallback;
+  // With an I/O context of its own the name only hints at the container by its extension.
+  video->format_->pb = video->io_;
   int status = avformat_open_input(&video->format_, path.c_str(), nullptr, nullptr);
   if (status < 0) {
     *recognised = looks_like_video;
@@ -216,7 +354,11 @@ VideoSource::~VideoSource() {
   av_frame_free(&picture_);
   av_packet_free(&packet_);
   avcodec_free_context(&codec_);
-  avformat_close_input(&format_);
+  avformat_close_input(&format_);  // leaves a caller's I/O context alone
+  if (io_ != nullptr) {
+    av_freep(&io_->buffer);
+    avio_context_free(&io_);
+  }
 }
 
 bool VideoSource::decode(std::string* error) {
@@ -371,24 +513,16 @@ bool VideoSource::convert(uint8_t* frame, std::string* error) {
   const int32_t* t = tables_.data();
   if (bt601) {
     // Only the range differs (the common case): each output byte is an affine function of one
-    // input byte, (v * scale + offset) >> 16, plain arithmetic that the compiler vectorises.
-    // Scale and offset are those of the general case's tables, whose cross terms are zero here.
-    const int32_t luma_offset = t[kYy * 256], luma_scale = t[kYy * 256 + 1] - luma_offset;
-    const int32_t u_offset = t[kBb * 256], u_scale = t[kBb * 256 + 1] - u_offset;
-    const int32_t v_offset = t[kRr * 256], v_scale = t[kRr * 256 + 1] - v_offset;
-    for (size_t row = 0; row < geometry_.height; ++row) {
-      const uint8_t* in = y_plane + row * y_stride;
-      uint8_t* out = frame + row * width;
-      for (size_t x = 0; x < width; ++x) out[x] = FixedToByte(in[x] * luma_scale + luma_offset);
-    }
+    // input byte. Scale and offset are those of the general case's tables, whose cross terms
+    // are zero here.
+    const ByteMap luma{t[kYy * 256 + 1] - t[kYy * 256], t[kYy * 256]};
+    const ByteMap u_map{t[kBb * 256 + 1] - t[kBb * 256], t[kBb * 256]};
+    const ByteMap v_map{t[kRr * 256 + 1] - t[kRr * 256], t[kRr * 256]};
+    for (size_t row = 0; row < geometry_.height; ++row)
+      MapRow(y_plane + row * y_stride, width, luma, frame + row * width);
     for (size_t row = 0; row < geometry_.height / 2; ++row) {
-      const uint8_t* u = u_plane + row * u_stride;
-      const uint8_t* v = v_plane + row * v_stride;
-      uint8_t* out = pairs + row * width;
-      for (size_t x = 0; x < width / 2; ++x) {
-        out[2 * x] = FixedToByte(u[x] * u_scale + u_offset);
-        out[2 * x + 1] = FixedToByte(v[x] * v_scale + v_offset);
-      }
+      MapPairs(u_plane + row * u_stride, v_plane + row * v_stride, width / 2, u_map, v_map,
+               pairs + row * width);
     }
     return true;
   }

@@ -11,6 +11,7 @@
 
 struct AVCodecContext;
 struct AVFormatContext;
+struct AVIOContext;
 struct AVFrame;
 struct AVPacket;
 struct SwsContext;
@@ -29,6 +30,12 @@ class VideoSource final : public FrameSource {
   // LooksLikeVideo said, for a container too damaged to open).
   static std::unique_ptr<VideoSource> Open(const std::string& path, bool looks_like_video,
                                            bool* recognised, std::string* error);
+  // The same from a video held in memory (size bytes at data, which must outlive the source),
+  // read through FFmpeg's custom I/O with read and seek callbacks; name stands for the file in
+  // messages.
+  static std::unique_ptr<VideoSource> OpenMemory(const uint8_t* data, size_t size,
+                                                 const std::string& name, bool looks_like_video,
+                                                 bool* recognised, std::string* error);
   ~VideoSource() override;
 
   FrameGeometry geometry() const override { return geometry_; }
@@ -39,6 +46,13 @@ class VideoSource final : public FrameSource {
 
  private:
   explicit VideoSource(std::string path);
+  // The rest of opening, by path_ or through io_ when that is set.
+  static std::unique_ptr<VideoSource> OpenInput(std::unique_ptr<VideoSource> video,
+                                                bool looks_like_video, bool* recognised,
+                                                std::string* error);
+  // io_'s callbacks over memory_.
+  static int ReadMemory(void* opaque, uint8_t* to, int size);
+  static int64_t SeekMemory(void* opaque, int64_t offset, int whence);
   bool decode(std::string* error);
   bool convert(uint8_t* frame, std::string* error);
   double announcedSeconds() const;  // the video's duration as the container gives it, or 0
@@ -49,6 +63,12 @@ class VideoSource final : public FrameSource {
   size_t decoded_ = 0;
   double last_seconds_ = 0.0;  // the time of the last frame decoded, from the stream's start
   AVFormatContext* format_ = nullptr;
+  // A video in memory: the bytes, the read position, and the I/O context over them (owned here,
+  // as libavformat leaves a caller's I/O context to the caller).
+  const uint8_t* memory_ = nullptr;
+  size_t memory_size_ = 0;
+  size_t memory_at_ = 0;
+  AVIOContext* io_ = nullptr;
   AVCodecContext* codec_ = nullptr;
   AVPacket* packet_ = nullptr;
   AVFrame* picture_ = nullptr;
