@@ -8,6 +8,7 @@
 #include <chrono>
 #include <thread>
 
+#include "bt601.h"
 #include "cli_harness.h"
 #include "image_writer.h"
 
@@ -56,11 +57,12 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       frame[i] = yuv[1], frame[i + 1] = yuv[2];
     return frame;
   };
-  const std::vector<uint8_t> mid = flat(16, 8, {126, 100, 200});
-  WriteVideo(dir / "601.mkv", {mid}, 16, 8, AVCOL_RANGE_MPEG);
-  WriteVideo(dir / "709.mkv", {mid}, 16, 8, AVCOL_RANGE_MPEG, AVCOL_SPC_BT709);
-  WriteVideo(dir / "full.mkv", {mid}, 16, 8);
-  WriteVideo(dir / "red.mkv", {flat(16, 8, {63, 102, 240})}, 16, 8, AVCOL_RANGE_MPEG,
+  // 40 wide: the range expansion runs 16 bytes a step, then the rest of each row one by one.
+  const std::vector<uint8_t> mid = flat(40, 8, {126, 100, 200});
+  WriteVideo(dir / "601.mkv", {mid}, 40, 8, AVCOL_RANGE_MPEG);
+  WriteVideo(dir / "709.mkv", {mid}, 40, 8, AVCOL_RANGE_MPEG, AVCOL_SPC_BT709);
+  WriteVideo(dir / "full.mkv", {mid}, 40, 8);
+  WriteVideo(dir / "red.mkv", {flat(40, 8, {63, 102, 240})}, 40, 8, AVCOL_RANGE_MPEG,
              AVCOL_SPC_BT709);
   std::vector<uint8_t> rgb;
   for (int i = 0; i < 33 * 17; ++i) rgb.insert(rgb.end(), {200, 100, 50});
@@ -114,9 +116,9 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       {"longexp even.mkv --frames 2 --isa scalar --verbose -o out.png",
        colours(mean({0, 1}), ChromaOrder::kNv12), "", 0, "Algorithm [INFO]"},
       // Colours worked by hand through RGB; JPEG's quantisation may move a flat one by one.
-      {"longexp 601.mkv -o out.yuv", flat(16, 8, {128, 96, 210})},  // 128.08 96.13 209.96
-      {"longexp 709.mkv -o out.yuv", flat(16, 8, {141, 87, 211})},  // 140.92 87.38 210.91
-      {"longexp red.mkv -o out.yuv", flat(16, 8, {77, 85, 255})},   // 76.72 84.59 255.53
+      {"longexp 601.mkv -o out.yuv", flat(40, 8, {128, 96, 210})},  // 128.08 96.13 209.96
+      {"longexp 709.mkv -o out.yuv", flat(40, 8, {141, 87, 211})},  // 140.92 87.38 210.91
+      {"longexp red.mkv -o out.yuv", flat(40, 8, {77, 85, 255})},   // 76.72 84.59 255.53
       {"longexp full.mkv -o out.yuv", mid},
       {"longexp odd8.png -o out.yuv", picture},
       {"longexp deep.png -o out.yuv", picture},

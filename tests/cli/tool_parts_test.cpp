@@ -8,12 +8,12 @@
 #include <tuple>
 
 #include "aligner.h"
+#include "bt601.h"
 #include "convert.h"
 #include "demo_scene.h"
 #include "image_writer.h"
 #include "inputs.h"
 #include "longexp.h"
-#include "rgb_to_nv12.h"
 #include "velmora/filters.h"
 #include "velmora/yuv.h"
 
@@ -53,34 +53,9 @@ TEST(OutputKindForPath, ChoosesByTheLastExtensionIgnoringCase) {
     EXPECT_FALSE(OutputKindForPath(path, &kind)) << path;
 }
 
-// One pixel through the library's conversion, the pair given as U, V.
-uint8_t LibraryRgb(uint8_t y, uint8_t u, uint8_t v, int channel) {
-  uint8_t pair[2] = {u, v}, rgb[3];
-  NV12toRGBA8888(&y, pair, &rgb[0], &rgb[1], &rgb[2], 1, 1, 0, 0);
-  return rgb[channel];
-}
-
-TEST(FrameToRgb, InterleavesTheLibrarysColoursEachBlockWithItsPairInEitherOrder) {
-  // 4x4 luma of 128; chroma row 0 pairs (128,255) (255,128), row 1 pairs (0,128) (128,0): every
-  // block's colour differs, so a wrong block or order shows.
-  std::vector<uint8_t> frame(24, 128);
-  const uint8_t chroma[] = {128, 255, 255, 128, 0, 128, 128, 0};
-  std::copy(std::begin(chroma), std::end(chroma), frame.begin() + 16);
-  for (const ChromaOrder order : {ChromaOrder::kNv12, ChromaOrder::kNv21}) {
-    const std::vector<uint8_t> rgb = FrameToRgb(frame.data(), {4, 4}, order);
-    ASSERT_EQ(rgb.size(), 16u * 3);
-    for (int i = 0; i < 48; ++i) {
-      const int row = i / 12, column = i / 3 % 4, first = order == ChromaOrder::kNv12 ? 0 : 1;
-      const uint8_t* pair = &chroma[(row / 2) * 4 + (column / 2) * 2];
-      EXPECT_EQ(rgb[size_t(i)], LibraryRgb(128, pair[first], pair[1 - first], i % 3))
-          << ChromaOrderName(order) << " " << row << "," << column << " channel " << i % 3;
-    }
-  }
-}
-
-// convert.cpp's RgbToFrame and the picture reader's RgbToNv12 both turn RGB into frames; each
-// one's arithmetic is pinned here.
-TEST(RgbToNv12, FullRangeBt601WithChromaFromTheMeanOfEachBlock) {
+// The tool's colour rule both ways: the worked values pin RgbToNv12's coefficients, cropping and
+// block means; the round trip pins FrameToRgb as its inverse, block by block, in either order.
+TEST(Bt601, WorkedValuesAndTheRoundTripOfEveryBlock) {
   // A 3x3 picture (odd: its last column and row are cropped), so a 2x2 frame. Red, green, blue
   // and white; their mean (127.5, 127.5, 127.5) is grey. The cropped pixels are black, so using
   // them would show.
@@ -90,25 +65,31 @@ TEST(RgbToNv12, FullRangeBt601WithChromaFromTheMeanOfEachBlock) {
   // Y: 76.245, 149.685, 29.07, 255; U, V of grey: 128 - 0 and 128 + 0 (both sums weigh 0).
   EXPECT_EQ(std::vector<uint8_t>(frame, frame + 6),
             (std::vector<uint8_t>{76, 150, 29, 255, 128, 128}));
-  // One colour alone, clamped: red gives U 84.98 -> 85 and V 255.5 -> 255.
+  // One colour alone, clamped: red gives U 84.98 -> 85 and V 255.5 -> 255, here V first.
   const uint8_t red[12] = {255, 0, 0, 255, 0, 0, 255, 0, 0, 255, 0, 0};
-  RgbToNv12(red, 6, FrameGeometry{2, 2}, frame);
-  EXPECT_EQ(std::make_pair(frame[4], frame[5]), std::make_pair(uint8_t{85}, uint8_t{255}));
+  RgbToNv12(red, 6, FrameGeometry{2, 2}, frame, ChromaOrder::kNv21);
+  EXPECT_EQ(std::make_pair(frame[4], frame[5]), std::make_pair(uint8_t{255}, uint8_t{85}));
 
-  // RgbToFrame inverts the library's R = Y + 1.370705 V', G = Y - 0.337633 U' - 0.698001 V',
-  // B = Y + 1.732446 U' (worked by hand: red is Y 76.20, U' -43.98, V' 130.44, V clamped).
-  const std::pair<std::vector<uint8_t>, std::vector<uint8_t>> cases[] = {  // 2x2 RGB, NV12
-      {std::vector<uint8_t>(12, 77), {77, 77, 77, 77, 128, 128}},
-      {{255, 0, 0, 255, 0, 0, 255, 0, 0, 255, 0, 0}, {76, 76, 76, 76, 84, 255}},
-      // Red beside black: the pair is the mean of the unclamped offsets (V' 65.22 -> 193), not
-      // of clamped bytes (which would give 192).
-      {{255, 0, 0, 0, 0, 0, 255, 0, 0, 0, 0, 0}, {76, 0, 76, 0, 106, 193}},
-  };
-  for (const auto& [pixels, nv12] : cases) {
-    std::vector<uint8_t> nv21 = nv12;
-    std::swap(nv21[4], nv21[5]);
-    EXPECT_EQ(RgbToFrame(RgbImage{2, 2, pixels}, ChromaOrder::kNv12), nv12);
-    EXPECT_EQ(RgbToFrame(RgbImage{2, 2, pixels}, ChromaOrder::kNv21), nv21);
+  // 4x4 pictures of four flat 2x2 blocks, colours on a grid of steps of 17: with Y, U and V
+  // rounded, each channel comes back within one step (a wrong coefficient, block or pair order
+  // is off by several at the saturated colours).
+  const size_t n = 16, colours = n * n * n;
+  for (const ChromaOrder order : {ChromaOrder::kNv12, ChromaOrder::kNv21}) {
+    for (size_t c = 0; c < colours; c += 4) {
+      uint8_t picture[16 * 3], nv12[24];
+      for (size_t p = 0; p < 16; ++p) {
+        const size_t colour = (c + (p / 8) * 2 + (p % 4) / 2) % colours;
+        picture[3 * p] = uint8_t(17 * (colour / (n * n)));
+        picture[3 * p + 1] = uint8_t(17 * (colour / n % n));
+        picture[3 * p + 2] = uint8_t(17 * (colour % n));
+      }
+      RgbToNv12(picture, 12, FrameGeometry{4, 4}, nv12, order);
+      const std::vector<uint8_t> back = FrameToRgb(nv12, FrameGeometry{4, 4}, order);
+      for (size_t i = 0; i < 48; ++i) {
+        ASSERT_LE(std::abs(back[i] - picture[i]), 1)
+            << "colour " << c << " byte " << i << " " << ChromaOrderName(order);
+      }
+    }
   }
 }
 

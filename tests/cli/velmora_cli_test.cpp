@@ -2,6 +2,7 @@
 // errors, the progress line and the demo.
 #include <pty.h>
 
+#include "bt601.h"
 #include "cli_harness.h"
 #include "convert.h"
 #include "image_writer.h"
@@ -75,8 +76,10 @@ TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
   auto frames = [&](ChromaOrder order, size_t first, bool scaled) {
     std::vector<uint8_t> all;
     for (size_t i = first; i < first + 2; ++i) {
-      std::vector<uint8_t> frame = velmora::tool::RgbToFrame(images[i], order);
       const FrameGeometry size{images[i].width, images[i].height};
+      std::vector<uint8_t> frame(size.frameBytes());
+      velmora::tool::RgbToNv12(images[i].rgb.data(), size_t{size.width} * 3, size, frame.data(),
+                               order);
       if (scaled) frame = velmora::tool::ScaleFrame(frame, size, {2, 2});
       all.insert(all.end(), frame.begin(), frame.end());
     }

@@ -1,5 +1,5 @@
 // The pieces of `velmora convert`: PNG in and out, resampling with the library, numbered output
-// names. RGB becomes frames through RgbToNv12 (rgb_to_nv12.h), like every picture the tool reads.
+// names. RGB becomes frames through RgbToNv12 (bt601.h), like every picture the tool reads.
 #ifndef VELMORA_TOOL_CONVERT_H
 #define VELMORA_TOOL_CONVERT_H
 

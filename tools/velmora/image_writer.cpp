@@ -12,9 +12,9 @@
 #include <cstring>
 #include <utility>
 
+#include "bt601.h"
 #include "interrupt.h"
 #include "picture_encoders.h"
-#include "velmora/yuv.h"
 
 namespace velmora::tool {
 
@@ -52,31 +52,6 @@ bool OutputKindForPath(const std::string& path, OutputKind* kind) {
     }
   }
   return false;
-}
-
-std::vector<uint8_t> FrameToRgb(const uint8_t* frame, FrameGeometry geometry, ChromaOrder order) {
-  const size_t pixels = geometry.lumaBytes();
-  // The library converts into three planes; the encoders want them interleaved.
-  std::vector<uint8_t> planes(pixels * 3);
-  uint8_t* r = planes.data();
-  uint8_t* g = r + pixels;
-  uint8_t* b = g + pixels;
-  // The library takes non-const planes but only reads its sources.
-  uint8_t* luma = const_cast<uint8_t*>(frame);
-  uint8_t* chroma = luma + pixels;
-  const int width = static_cast<int>(geometry.width), height = static_cast<int>(geometry.height);
-  if (order == ChromaOrder::kNv12) {
-    NV12toRGBA8888(luma, chroma, r, g, b, width, height, 0, 0);
-  } else {
-    NV21toRGBA8888(luma, chroma, r, g, b, width, height, 0, 0);
-  }
-  std::vector<uint8_t> rgb(pixels * 3);
-  for (size_t i = 0; i < pixels; ++i) {
-    rgb[3 * i] = r[i];
-    rgb[3 * i + 1] = g[i];
-    rgb[3 * i + 2] = b[i];
-  }
-  return rgb;
 }
 
 void SwapChromaPairs(uint8_t* chroma, size_t bytes) {

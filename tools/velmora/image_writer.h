@@ -27,9 +27,6 @@ constexpr int kDefaultJpegQuality = 95;
 bool OutputKindForPath(const std::string& path, OutputKind* kind);
 
 
-// Packed RGB rows of a frame; each 2x2 block of luma shares one chroma pair.
-std::vector<uint8_t> FrameToRgb(const uint8_t* frame, FrameGeometry geometry, ChromaOrder order);
-
 // Turns U,V pairs into V,U pairs and back.
 void SwapChromaPairs(uint8_t* chroma, size_t bytes);
 

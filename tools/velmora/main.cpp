@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "aligner.h"
+#include "bt601.h"
 #include "common/cpu.h"
 #include "convert.h"
 #include "demo_scene.h"
@@ -25,7 +26,6 @@
 #include "inputs.h"
 #include "interrupt.h"
 #include "longexp.h"
-#include "rgb_to_nv12.h"
 #include "velmora/flowing_water.h"
 
 namespace velmora::tool {
@@ -100,8 +100,8 @@ const char kConvertUsage[] =
     "       velmora convert [--format nv12|nv21] [--scale WxH] IMAGE.png... -o OUT.nv12\n"
     "\n"
     "Raw frames to PNG: every frame of the FRAME files (each holds one frame or several\n"
-    "back to back) becomes one PNG, converted by the library's NV12toRGBA8888 or\n"
-    "NV21toRGBA8888. Several frames need a numbered name, e.g. -o frame%03d.png\n"
+    "back to back) becomes one PNG in full-range BT.601 colours, the inverse of the\n"
+    "PNG-to-raw rule. Several frames need a numbered name, e.g. -o frame%03d.png\n"
     "(frame001.png, frame002.png, ...).\n"
     "PNG to raw: every image becomes one frame (full-range BT.601, rounded), all of them\n"
     "back to back in OUT; the images must share one size unless --scale is given.\n"

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "rgb_to_nv12.h"
+#include "bt601.h"
 
 namespace velmora::tool {
 

@@ -1,4 +1,4 @@
-#include "rgb_to_nv12.h"
+#include "bt601.h"
 
 #include <algorithm>
 #include <cmath>
@@ -41,6 +41,27 @@ void RgbToNv12(const uint8_t* rgb, size_t stride, FrameGeometry geometry, uint8_
           RoundToByte(128.0 + 0.5 * mean[0] - 0.418688 * mean[1] - 0.081312 * mean[2]);
     }
   }
+}
+
+std::vector<uint8_t> FrameToRgb(const uint8_t* frame, FrameGeometry geometry, ChromaOrder order) {
+  const size_t width = geometry.width;
+  const uint8_t* chroma = frame + geometry.lumaBytes();
+  const size_t u_at = order == ChromaOrder::kNv12 ? 0 : 1;
+  std::vector<uint8_t> rgb(geometry.lumaBytes() * 3);
+  for (size_t row = 0; row < geometry.height; ++row) {
+    const uint8_t* luma = frame + row * width;
+    const uint8_t* pairs = chroma + (row / 2) * width;
+    uint8_t* out = rgb.data() + row * width * 3;
+    for (size_t x = 0; x < width; ++x) {
+      const double u = pairs[(x & ~size_t{1}) + u_at] - 128.0;
+      const double v = pairs[(x & ~size_t{1}) + 1 - u_at] - 128.0;
+      const double y = luma[x];
+      out[3 * x] = RoundToByte(y + 1.402 * v);
+      out[3 * x + 1] = RoundToByte(y - 0.344136 * u - 0.714136 * v);
+      out[3 * x + 2] = RoundToByte(y + 1.772 * u);
+    }
+  }
+  return rgb;
 }
 
 }  // namespace velmora::tool
