@@ -1,8 +1,5 @@
 #include "kernel_conformance.h"
 
-#include <algorithm>
-#include <sstream>
-
 namespace velmora {
 
 const std::vector<ConformanceSize>& ConformanceSizes() {
@@ -16,20 +13,6 @@ const std::vector<ConformanceSize>& ConformanceSizes() {
     return all;
   }();
   return sizes;
-}
-
-std::string FirstDifference(const std::vector<uint8_t>& scalar, const std::vector<uint8_t>& other) {
-  std::ostringstream out;
-  if (scalar.size() != other.size()) {
-    out << "output of " << other.size() << " bytes, the scalar one has " << scalar.size();
-    return out.str();
-  }
-  const auto at = std::mismatch(scalar.begin(), scalar.end(), other.begin());
-  if (at.first != scalar.end()) {
-    out << "output byte " << at.first - scalar.begin() << " of " << scalar.size() << " is "
-        << int{*at.second} << ", the scalar one " << int{*at.first};
-  }
-  return out.str();
 }
 
 // Once for every family, whichever file holds its TEST_P line; a build with the scalar kernels

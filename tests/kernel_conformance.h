@@ -1,28 +1,17 @@
 // One harness holds every vector variant of a kernel family against its scalar definition, bit
-// for bit: widths 1..33 (every remainder of a vector body), two real row widths, several heights
-// and seeds, for each non-scalar ISA this machine runs. A family joins with a trait and one line:
-//   TEST_P(KernelConformance, Foo) { ExpectMatchesScalar<FooFamily>(GetParam()); }
-//
-//   struct FooFamily {
-//     static constexpr const char* kName = "Foo";  // names the family in failure messages
-//     using Kernels = FooKernels;
-//     static const Kernels& For(Isa isa) { return FooKernelsFor(isa); }
-//     struct Case { ... };
-//     // Inputs of width x height from seed alone, each buffer exactly as large as the kernels may
-//     // touch, so that a step past its end fails under AddressSanitizer.
-//     static Case Make(int width, int height, uint32_t seed);
-//     // Every output as bytes (floats by bit pattern, so NaN payloads and signed zeros count),
-//     // destinations from a fixed fill so that unwritten bytes count; in place and apart where
-//     // the kernels allow both.
-//     static std::vector<uint8_t> Run(const Kernels& kernels, const Case& c);
-//     static std::vector<ConformanceSize> Sizes();  // optional, instead of ConformanceSizes()
-//   };
-// A variant the build or machine lacks skips: For falls back to the scalar table.
+// for bit, over many sizes and seeds, for each non-scalar ISA this machine runs. A family joins
+// with a trait and one line: TEST_P(KernelConformance, F) { ExpectMatchesScalar<F>(GetParam()); }
+// The trait: kName; Kernels, its struct of row functions; For(isa), its table; Case; Make(width,
+// height, seed), inputs with every buffer exactly as large as the kernels may touch (so ASan sees
+// a step past it); Run(kernels, case), every output as bytes, floats by bit pattern, destinations
+// from a fixed fill, in place and apart where allowed; optionally Sizes(), to replace
+// ConformanceSizes(). A variant this build or machine lacks skips (For gives the scalar table).
 #ifndef VELMORA_TESTS_KERNEL_CONFORMANCE_H
 #define VELMORA_TESTS_KERNEL_CONFORMANCE_H
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -43,31 +32,25 @@ struct ConformanceSize {
 // Widths 1..33 at heights 1, 2, 3, 5 and 17; 640 and 1920 at heights 1, 2 and 5.
 const std::vector<ConformanceSize>& ConformanceSizes();
 
-// Empty when the runs agree, else where and how they first differ.
-std::string FirstDifference(const std::vector<uint8_t>& scalar, const std::vector<uint8_t>& other);
-
-template <class F, class = void>
-struct HasSizes : std::false_type {};
+// The family's own sizes where it has them.
 template <class F>
-struct HasSizes<F, std::void_t<decltype(F::Sizes())>> : std::true_type {};
+auto SizesOf(int) -> decltype(F::Sizes()) { return F::Sizes(); }
+template <class F>
+std::vector<ConformanceSize> SizesOf(long) { return ConformanceSizes(); }
 
 template <class Family>
 void ExpectMatchesScalar(Isa isa) {
   const typename Family::Kernels& plain = Family::For(Isa::kScalar);
   const typename Family::Kernels& variant = Family::For(isa);
   if (&plain == &variant) GTEST_SKIP() << Family::kName << " has no " << IsaName(isa) << " variant";
-  std::vector<ConformanceSize> sizes;
-  if constexpr (HasSizes<Family>::value) {
-    sizes = Family::Sizes();
-  } else {
-    sizes = ConformanceSizes();
-  }
-  for (const auto [w, h] : sizes) {
+  for (const auto [w, h] : SizesOf<Family>(0)) {
     for (uint32_t seed : {1u, 2u, 3u}) {
       const typename Family::Case c = Family::Make(w, h, seed);
-      const std::string diff = FirstDifference(Family::Run(plain, c), Family::Run(variant, c));
-      ASSERT_TRUE(diff.empty()) << Family::kName << " " << IsaName(isa) << " at " << w << "x" << h
-                                << " seed " << seed << ": " << diff;
+      const std::vector<uint8_t> want = Family::Run(plain, c), got = Family::Run(variant, c);
+      const auto at = std::mismatch(want.begin(), want.end(), got.begin(), got.end()).first;
+      ASSERT_TRUE(want == got) << Family::kName << " " << IsaName(isa) << " at " << w << "x" << h
+                               << " seed " << seed << ": " << got.size() << " bytes for "
+                               << want.size() << ", first different: " << at - want.begin();
     }
   }
 }
