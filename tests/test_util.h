@@ -1,7 +1,6 @@
-// Helpers shared by the tests and the benchmarks (library velmora_test_util): random frames, a
-// photograph-like test image, an independent reference of the pipeline's arithmetic, temporary
-// files, and a capture of what the library hands to the Android log (log_capture.cpp, linked in
-// only where used).
+// Helpers of the tests and benchmarks (velmora_test_util): random frames, a photograph-like image,
+// an independent reference of the pipeline's arithmetic, temporary files, and the Android log
+// capture (log_capture.cpp, linked in only where used).
 #ifndef VELMORA_TESTS_TEST_UTIL_H
 #define VELMORA_TESTS_TEST_UTIL_H
 

@@ -124,26 +124,24 @@ class YuvFile : public testing::Test {
 };
 
 TEST_F(YuvFile, WritersWriteLumaThenChromaWithTruncatedSizesAndReadersReadThemBack) {
-  // 3x3: 9 luma and 9 / 2 = 4 chroma bytes, yet a whole frame is 27 / 2 = 13.
+  // 3x3: 9 luma and 9 / 2 = 4 chroma bytes; a whole frame is 27 / 2 = 13.
   for (const auto& [w, h, luma, chroma, frame] : {std::tuple{4, 2, 8, 4, 12}, {3, 3, 9, 4, 13},
                                                   {5, 1, 5, 2, 7}}) {
     SCOPED_TRACE(testing::Message() << w << "x" << h);
-    Bytes y = testutil::RandomBytes(luma, 3), uv = testutil::RandomBytes(chroma, 4), both = y;
-    both.insert(both.end(), uv.begin(), uv.end());
-    EXPECT_EQ(WriteYUVFile(y.data(), uv.data(), planes_.c_str(), w, h), 0);
-    EXPECT_EQ(testutil::ReadFile(planes_), both);
-    Bytes in(luma + chroma + 2, kUntouched);  // each plane read into a buffer one byte longer
-    EXPECT_EQ(ReadYUVFile(in.data(), in.data() + luma + 1, planes_.c_str(), w, h), 0);
-    both.insert(both.begin() + luma, kUntouched);
-    both.push_back(kUntouched);
-    EXPECT_EQ(in, both);
-
-    Bytes bytes = testutil::RandomBytes(frame, 5), bytes_in(frame + 1, kUntouched);
+    Bytes bytes = testutil::RandomBytes(frame, w), in(frame + 2, kUntouched), whole_in = in;
+    EXPECT_EQ(WriteYUVFile(bytes.data(), bytes.data() + luma, planes_.c_str(), w, h), 0);
     writeYUVFile(whole_, bytes.data(), w, h);
+    EXPECT_EQ(testutil::ReadFile(planes_), Bytes(bytes.begin(), bytes.begin() + luma + chroma));
     EXPECT_EQ(testutil::ReadFile(whole_), bytes);
-    readYUVFile(whole_, bytes_in.data(), w, h);
-    bytes.push_back(kUntouched);
-    EXPECT_EQ(bytes_in, bytes);
+    // Into buffers with a byte to spare behind each plane, or behind the frame.
+    EXPECT_EQ(ReadYUVFile(in.data(), in.data() + luma + 1, planes_.c_str(), w, h), 0);
+    readYUVFile(whole_, whole_in.data(), w, h);
+    EXPECT_EQ(Bytes(whole_in.begin(), whole_in.begin() + frame), bytes);
+    EXPECT_EQ(whole_in[frame], kUntouched);
+    bytes.insert(bytes.begin() + luma, kUntouched);
+    bytes.resize(luma + chroma + 1);
+    bytes.resize(in.size(), kUntouched);
+    EXPECT_EQ(in, bytes);
   }
 }
 
