@@ -19,18 +19,26 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using Floats = std::vector<float>;
 
-// An impulse of 255 spreads as 255 * {1, 2, 4} / 16 truncated: 15, 31, 63 (rounding gives 64).
-TEST(GaussBlur, Bytes121WeightedTruncatedInsideAnUntouchedBorder) {
+// An impulse spreads as the weights over the interior and leaves the border alone: 255 as
+// 255 * {1, 2, 4} / 16 truncated, 15, 31, 63 (rounding gives 64); 1.0f as the float weights.
+TEST(GaussBlur, ImpulseSpreadsAsTheWeightsInsideAnUntouchedBorder) {
   Bytes src(25, 0), dst(25, 0xEE);
+  Floats fsrc(25, 0.0f), fdst(25, -1.0f);
   src[12] = 255;
+  fsrc[12] = 1.0f;
   gaussBlur(src.data(), dst.data(), 5, 5);
+  gaussBlur(fsrc.data(), fdst.data(), 5, 5);
   const Bytes want = {0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 15,   31,   15,   0xEE, 0xEE, 31,  63,
                       31,   0xEE, 0xEE, 15,   31,   15,   0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
   EXPECT_EQ(dst, want);
+  for (int i = 0; i < 25; ++i) {
+    const int k = want[i];
+    EXPECT_EQ(fdst[i], k == 15 ? 0.0947416f : k == 31 ? 0.118318f : k == 63 ? 0.147761f : -1.0f);
+  }
 }
 
+// Worked apart: any other order, grouping, fused or double accumulation gives another float.
 TEST(GaussBlur, FloatsSumRoundedProductsInReadingOrderFromACopyOfTheSource) {
-  // Worked apart: any other order, grouping, fused or double accumulation gives another float.
   Floats one = {255, 1, 1e8f, 1, 7, 255, 100, 3, 100}, out(9, -1.0f);
   gaussBlur(one.data(), out.data(), 3, 3);
   for (int i = 0; i < 9; ++i) EXPECT_EQ(out[i], i == 4 ? 0x1.212172p+23f : -1.0f) << i;
@@ -72,8 +80,13 @@ TEST(ComputeGaussCoefs, PicksTheBranchOfQAndRoundsAsDefined) {
       // The square root rounded to float before it is scaled shows here.
       {1.0f, {0x1.153532fd08150p-1, {0x1.751f367d30163p+1, 0x1.a9af42feff6d3p+0,
                                      -0x1.6f8b5703ec02fp-2, 0x1.0d35fff75104dp-5}}},
+      {std::nextafter(2.5f, 0.0f), {0x1.29b5b4abdbc58p-3,
+                                    {0x1.5b6e8e90a9e6fp+3, 0x1.06018ccea2489p+4,
+                                     -0x1.1a40e0ddd8d7ap+3, 0x1.b958d0c656abep+0}}},
       {2.5f, {0x1.45a7af7ad1840p-3, {0x1.3d9e08bb7d178p+3, 0x1.ce9089322e33ep+3,
                                      -0x1.e2eb3dfdaa4fcp+2, 0x1.700f475bff045p+0}}},
+      {5.0f, {0x1.acfc46e5ad1e0p-6, {0x1.e2441343eab36p+5, 0x1.0c53af53bd124p+7,
+                                     -0x1.97af5bd400a7cp+6, 0x1.a766f2b3b1077p+4}}},
   };
   for (const auto& [sigma, want] : cases) {
     GaussCoefs g;
@@ -100,6 +113,19 @@ TEST(RecursiveGauss, StartsFromTheEndSamplesAndPeaksThreeAfterAnImpulse) {
   computeGaussCoefs(&g, 1.0f);
   recursiveGauss(line.data(), out.data(), static_cast<int>(line.size()), 1, &g);
   EXPECT_EQ(out, want);
+}
+
+// B + (b1 + b2 + b3) / b0 = 1 however short the line or wide the filter.
+TEST(RecursiveGauss, HasUnitGainOnAConstantLine) {
+  for (const float sigma : {0.3f, 1.0f, 12.0f}) {
+    GaussCoefs g;
+    computeGaussCoefs(&g, sigma);
+    for (const int length : {1, 2, 300}) {
+      Floats line(length, 42.5f), out(length, 0.0f);
+      recursiveGauss(line.data(), out.data(), length, 1, &g);
+      for (float v : out) ASSERT_NEAR(v, 42.5f, 42.5f * 2e-5f) << sigma << " " << length;
+    }
+  }
 }
 
 // Each output column is the recursive filter of that source column alone: the row pass is
