@@ -1,19 +1,17 @@
-// The smoothing filters: the 3x3 blurs on known patterns and borders, the recursive Gaussian's
-// coefficients, gain and shift, and the row pass that the column pass overwrites.
+// The smoothing filters: the 3x3 blurs' weights, rounding and untouched borders, the recursive
+// Gaussian's coefficients, gain and shift, and the row pass that the column pass overwrites.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <limits>
 #include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "common/cpu.h"
 #include "kernel_conformance.h"
 #include "filters/gauss_kernels.h"
+#include "test_util.h"
 #include "velmora/filters.h"
 
 namespace {
@@ -21,160 +19,124 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using Floats = std::vector<float>;
 
-TEST(GaussBlur8, WeighsTheNeighbourhood121TruncatesAndLeavesTheBorder) {
-  // An impulse of 255 spreads as 255 * {1, 2, 4} / 16, each truncated: 15, 31, 63 (63.75 rounded
-  // would be 64; no other integer weights give these).
-  const int w = 5, h = 5;
-  Bytes src(w * h, 0);
-  src[2 * w + 2] = 255;
-  Bytes dst(w * h, 0xEE);
-  gaussBlur(src.data(), dst.data(), w, h);
-  const int expected[3][3] = {{15, 31, 15}, {31, 63, 31}, {15, 31, 15}};
-  for (int r = 0; r < h; ++r) {
-    for (int x = 0; x < w; ++x) {
-      const bool border = r == 0 || x == 0 || r == h - 1 || x == w - 1;
-      EXPECT_EQ(dst[r * w + x], border ? 0xEE : expected[r - 1][x - 1]) << r << "," << x;
-    }
+// An impulse spreads as the weights over the interior and leaves the border alone: 255 as
+// 255 * {1, 2, 4} / 16 truncated, 15, 31, 63 (rounding gives 64); 1.0f as the float weights.
+TEST(GaussBlur, ImpulseSpreadsAsTheWeightsInsideAnUntouchedBorder) {
+  Bytes src(25, 0), dst(25, 0xEE);
+  Floats fsrc(25, 0.0f), fdst(25, -1.0f);
+  src[12] = 255;
+  fsrc[12] = 1.0f;
+  gaussBlur(src.data(), dst.data(), 5, 5);
+  gaussBlur(fsrc.data(), fdst.data(), 5, 5);
+  const Bytes want = {0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 15,   31,   15,   0xEE, 0xEE, 31,  63,
+                      31,   0xEE, 0xEE, 15,   31,   15,   0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
+  EXPECT_EQ(dst, want);
+  for (int i = 0; i < 25; ++i) {
+    const int k = want[i];
+    EXPECT_EQ(fdst[i], k == 15 ? 0.0947416f : k == 31 ? 0.118318f : k == 63 ? 0.147761f : -1.0f);
   }
 }
 
+// Worked apart: any other order, grouping, fused or double accumulation gives another float.
+TEST(GaussBlur, FloatsSumRoundedProductsInReadingOrderFromACopyOfTheSource) {
+  Floats one = {255, 1, 1e8f, 1, 7, 255, 100, 3, 100}, out(9, -1.0f);
+  gaussBlur(one.data(), out.data(), 3, 3);
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(out[i], i == 4 ? 0x1.212172p+23f : -1.0f) << i;
+  // In place equals apart inside (rows already written are not read back) and keeps the border.
+  const int w = 6, h = 5;
+  const Bytes bytes = testutil::RandomBytes(w * h, 3);
+  Floats src(bytes.begin(), bytes.end()), apart(w * h, -1.0f), same = src;
+  gaussBlur(src.data(), apart.data(), w, h);
+  gaussBlur(same.data(), same.data(), w, h);
+  for (int i = 0; i < w * h; ++i) EXPECT_EQ(same[i], apart[i] == -1.0f ? src[i] : apart[i]) << i;
+}
+
 TEST(GaussBlur, WritesNothingBelowThreeRowsOrColumns) {
-  const std::pair<int, int> sizes[] = {{2, 9}, {9, 2}, {1, 1}, {0, 5}};
-  for (const auto& [w, h] : sizes) {
-    const size_t n = static_cast<size_t>(w) * h;
+  for (const auto& [w, h] : {std::pair{2, 9}, {9, 2}, {1, 1}, {0, 5}}) {
+    const size_t n = size_t(w) * h;
     Bytes src(n, 90), dst(n, 7);
-    gaussBlur(src.data(), dst.data(), w, h);
-    EXPECT_EQ(dst, Bytes(n, 7)) << w << "x" << h;
     Floats fsrc(n, 90.0f), fdst(n, 7.0f);
+    gaussBlur(src.data(), dst.data(), w, h);
     gaussBlur(fsrc.data(), fdst.data(), w, h);
+    EXPECT_EQ(dst, Bytes(n, 7)) << w << "x" << h;
     EXPECT_EQ(fdst, Floats(n, 7.0f)) << w << "x" << h;
   }
 }
 
-TEST(GaussBlurFloat, SumsTheWeightsInReadingOrderAndMayRunInPlace) {
-  const int w = 6, h = 5;
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<float> value(-100.0f, 100.0f);
-  Floats src(w * h);
-  for (float& v : src) v = value(rng);
-  Floats dst(w * h, -1.0f);
-  gaussBlur(src.data(), dst.data(), w, h);
-
-  const float c = 0.0947416f, e = 0.118318f, m = 0.147761f;
-  const float weight[9] = {c, e, c, e, m, e, c, e, c};
-  for (int r = 0; r < h; ++r) {
-    for (int x = 0; x < w; ++x) {
-      if (r == 0 || x == 0 || r == h - 1 || x == w - 1) {
-        EXPECT_EQ(dst[r * w + x], -1.0f);
-        continue;
-      }
-      float sum = 0.0f;  // one rounded product after another, top-left first
-      for (int k = 0; k < 9; ++k) {
-        const float product = weight[k] * src[(r - 1 + k / 3) * w + (x - 1 + k % 3)];
-        sum = sum + product;
-      }
-      EXPECT_EQ(dst[r * w + x], sum) << r << "," << x;
-    }
-  }
-  // In place: the blur reads a copy of the source, so the result equals the one into dst and the
-  // border keeps the source's values.
-  Floats same = src;
-  gaussBlur(same.data(), same.data(), w, h);
-  for (int i = 0; i < w * h; ++i) {
-    const int r = i / w, x = i % w;
-    const bool border = r == 0 || x == 0 || r == h - 1 || x == w - 1;
-    EXPECT_EQ(same[i], border ? src[i] : dst[i]) << i;
-  }
-}
-
-// Coefficients worked out independently in double precision with single-precision q, q2, q3 and
-// square root, for each branch of q and either side of its limits.
+// Worked apart in double precision with single-precision q, q2, q3 and square root, for each
+// branch of q and either side of its limits; NaN fails both comparisons.
 TEST(ComputeGaussCoefs, PicksTheBranchOfQAndRoundsAsDefined) {
-  const float below_half = std::nextafter(0.5f, 0.0f), below_linear = std::nextafter(2.5f, 0.0f);
   struct Coefs {
     double B, b[4];
   };
-  // Below 0.5 (and for NaN, which fails both comparisons) q is a constant.
   const Coefs constant_q = {0x1.ae3ae8e9a7530p-1, {0x1.e0d29bb65df0cp+0, 0x1.47bb8c01a32cap-2,
                                                    -0x1.5393d247906ccp-6, 0x1.4ea5135a82e88p-11}};
-  const struct {
-    float sigma;
-    Coefs want;
-  } cases[] = {
+  const std::pair<float, Coefs> cases[] = {
       {0.2f, constant_q},
-      {below_half, constant_q},
+      {std::nextafter(0.5f, 0.0f), constant_q},
       {std::numeric_limits<float>::quiet_NaN(), constant_q},
-      {0.5f, {0x1.ae3aec0634912p-1,
-              {0x1.e0d2983c25040p+0, 0x1.47bb7c533cdf2p-2, -0x1.5393b49d97636p-6,
-               0x1.4ea4e92210386p-11}}},
+      {0.5f, {0x1.ae3aec0634912p-1, {0x1.e0d2983c25040p+0, 0x1.47bb7c533cdf2p-2,
+                                     -0x1.5393b49d97636p-6, 0x1.4ea4e92210386p-11}}},
       // The square root rounded to float before it is scaled shows here.
-      {1.0f, {0x1.153532fd08150p-1,
-              {0x1.751f367d30163p+1, 0x1.a9af42feff6d3p+0, -0x1.6f8b5703ec02fp-2,
-               0x1.0d35fff75104dp-5}}},
-      {below_linear, {0x1.29b5b4abdbc58p-3,
-                      {0x1.5b6e8e90a9e6fp+3, 0x1.06018ccea2489p+4, -0x1.1a40e0ddd8d7ap+3,
-                       0x1.b958d0c656abep+0}}},
-      {2.5f, {0x1.45a7af7ad1840p-3,
-              {0x1.3d9e08bb7d178p+3, 0x1.ce9089322e33ep+3, -0x1.e2eb3dfdaa4fcp+2,
-               0x1.700f475bff045p+0}}},
-      {5.0f, {0x1.acfc46e5ad1e0p-6,
-              {0x1.e2441343eab36p+5, 0x1.0c53af53bd124p+7, -0x1.97af5bd400a7cp+6,
-               0x1.a766f2b3b1077p+4}}},
+      {1.0f, {0x1.153532fd08150p-1, {0x1.751f367d30163p+1, 0x1.a9af42feff6d3p+0,
+                                     -0x1.6f8b5703ec02fp-2, 0x1.0d35fff75104dp-5}}},
+      {std::nextafter(2.5f, 0.0f), {0x1.29b5b4abdbc58p-3,
+                                    {0x1.5b6e8e90a9e6fp+3, 0x1.06018ccea2489p+4,
+                                     -0x1.1a40e0ddd8d7ap+3, 0x1.b958d0c656abep+0}}},
+      {2.5f, {0x1.45a7af7ad1840p-3, {0x1.3d9e08bb7d178p+3, 0x1.ce9089322e33ep+3,
+                                     -0x1.e2eb3dfdaa4fcp+2, 0x1.700f475bff045p+0}}},
+      {5.0f, {0x1.acfc46e5ad1e0p-6, {0x1.e2441343eab36p+5, 0x1.0c53af53bd124p+7,
+                                     -0x1.97af5bd400a7cp+6, 0x1.a766f2b3b1077p+4}}},
   };
-  for (const auto& c : cases) {
-    GaussCoefs g;
-    computeGaussCoefs(&g, c.sigma);
-    SCOPED_TRACE("sigma " + std::to_string(c.sigma));
-    EXPECT_EQ(g.N, 3);
-    EXPECT_TRUE(g.sigma == c.sigma || (std::isnan(g.sigma) && std::isnan(c.sigma)));
-    EXPECT_EQ(g.B, c.want.B);
-    for (int k = 0; k < 4; ++k) EXPECT_EQ(g.b[k], c.want.b[k]) << "b[" << k << "]";
-  }
-}
-
-TEST(RecursiveGauss, HasUnitGainOnAConstantLine) {
-  for (float sigma : {0.3f, 1.0f, 2.0f, 4.0f, 12.0f}) {
+  for (const auto& [sigma, want] : cases) {
     GaussCoefs g;
     computeGaussCoefs(&g, sigma);
-    EXPECT_NEAR(g.B + (g.b[1] + g.b[2] + g.b[3]) / g.b[0], 1.0, 1e-12);
-    for (int length : {1, 2, 7, 300}) {
-      Floats line(length, 42.5f), out(length, 0.0f);
-      recursiveGauss(line.data(), out.data(), length, 1, &g);
-      for (int i = 0; i < length; ++i) {
-        ASSERT_NEAR(out[i], 42.5f, 42.5f * 2e-5f) << "sigma " << sigma << " at " << i;
-      }
-    }
+    SCOPED_TRACE("sigma " + std::to_string(sigma));
+    EXPECT_EQ(g.N, 3);
+    EXPECT_TRUE(g.sigma == sigma || (std::isnan(g.sigma) && std::isnan(sigma)));
+    EXPECT_EQ(g.B, want.B);
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(g.b[k], want.b[k]) << "b[" << k << "]";
   }
 }
 
-TEST(RecursiveGauss, PeaksThreeSamplesAfterAnImpulse) {
-  // Worked out independently (double recursion, float storage) for sigma 1 and an impulse of 100
-  // at index 4: the peak sits at 7.
-  const Floats expected = {
-      0x1.b212c4p-8f, 0x1.a0df46p-6f, 0x1.b2b90ap-4f, 0x1.d64cd0p-2f, 0x1.e726fcp+0f,
-      0x1.bd6598p+2f, 0x1.4765b6p+4f, 0x1.4134aep+5f, 0x1.4765b2p+4f, 0x1.bd6550p+2f,
-      0x1.e72218p+0f, 0x1.d5fc1cp-2f, 0x1.ae2b46p-4f, 0x1.6cbeaap-6f};
-  const int length = static_cast<int>(expected.size());
+// Worked apart (double recursion, float storage) for sigma 1: twelve samples of 10, 40 first, 100
+// at 4. The forward pass starts from the first sample, the backward one from the last forward
+// value, and reads the forward buffer from its boundary cells, so the peak sits at 7.
+TEST(RecursiveGauss, StartsFromTheEndSamplesAndPeaksThreeAfterAnImpulse) {
+  const Floats want = {0x1.3e9b8cp+5f, 0x1.3a2d12p+5f, 0x1.2a0dfcp+5f, 0x1.f6f9aep+4f,
+                       0x1.4b0a5ep+4f, 0x1.31a214p+4f, 0x1.d2abc2p+4f, 0x1.7285f4p+5f,
+                       0x1.c750bap+4f, 0x1.044e84p+4f, 0x1.765c3ap+3f, 0x1.4bbafap+3f};
+  Floats line(want.size(), 10.0f), out(want.size(), -1.0f);
+  line[0] = 40.0f;
+  line[4] = 100.0f;
   GaussCoefs g;
   computeGaussCoefs(&g, 1.0f);
-  Floats line(length, 0.0f), out(length, -1.0f);
-  line[4] = 100.0f;
-  recursiveGauss(line.data(), out.data(), length, 1, &g);
-  for (int i = 0; i < length; ++i) EXPECT_EQ(out[i], expected[i]) << i;
+  recursiveGauss(line.data(), out.data(), static_cast<int>(line.size()), 1, &g);
+  EXPECT_EQ(out, want);
+}
+
+// B + (b1 + b2 + b3) / b0 = 1 however short the line or wide the filter.
+TEST(RecursiveGauss, HasUnitGainOnAConstantLine) {
+  for (const float sigma : {0.3f, 1.0f, 12.0f}) {
+    GaussCoefs g;
+    computeGaussCoefs(&g, sigma);
+    for (const int length : {1, 2, 300}) {
+      Floats line(length, 42.5f), out(length, 0.0f);
+      recursiveGauss(line.data(), out.data(), length, 1, &g);
+      for (float v : out) ASSERT_NEAR(v, 42.5f, 42.5f * 2e-5f) << sigma << " " << length;
+    }
+  }
 }
 
 // Each output column is the recursive filter of that source column alone: the row pass is
 // overwritten.
 TEST(GaussSmooth, KeepsOnlyTheColumnPass) {
   const int w = 23, h = 17;
-  const float sigma = 2.0f;
-  std::mt19937 rng(11);
-  std::uniform_real_distribution<float> value(0.0f, 255.0f);
-  Floats src(w * h), out(w * h, 0.0f);
-  for (float& v : src) v = value(rng);
-  gaussSmooth(src.data(), out.data(), w, h, sigma);
+  const Bytes bytes = testutil::RandomBytes(w * h, 11);
+  Floats src(bytes.begin(), bytes.end()), out(w * h, 0.0f);
+  gaussSmooth(src.data(), out.data(), w, h, 2.0f);
   GaussCoefs g;
-  computeGaussCoefs(&g, sigma);
+  computeGaussCoefs(&g, 2.0f);
   for (int x = 0; x < w; ++x) {
     Floats column(h), filtered(h);
     for (int r = 0; r < h; ++r) column[r] = src[r * w + x];

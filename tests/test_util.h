@@ -1,6 +1,6 @@
-// Helpers shared by the tests and the benchmarks (library velmora_test_util): random frames, a
-// photograph-like test image, an independent reference of the pipeline's arithmetic, and a
-// capture of what the library hands to the Android log (linked in only where used).
+// Helpers of the tests and benchmarks (velmora_test_util): random frames, a photograph-like image,
+// an independent reference of the pipeline's arithmetic, temporary files, and the Android log
+// capture (log_capture.cpp, linked in only where used).
 #ifndef VELMORA_TESTS_TEST_UTIL_H
 #define VELMORA_TESTS_TEST_UTIL_H
 
@@ -21,48 +21,38 @@ namespace testutil {
 
 std::vector<uint8_t> RandomBytes(size_t count, uint32_t seed);
 
-// A two-plane 4:2:0 frame held as two byte vectors (chroma: height / 2 rows of width bytes).
+// A two-plane 4:2:0 frame as two byte vectors (chroma: height / 2 rows of width bytes).
 struct Frame {
-  int width = 0;
-  int height = 0;
-  std::vector<uint8_t> y;
-  std::vector<uint8_t> uv;
+  int width = 0, height = 0;
+  std::vector<uint8_t> y, uv;
 };
 Frame RandomFrame(int width, int height, uint32_t seed);
 Frame FlatFrame(int width, int height, uint8_t value);
+std::vector<uint8_t> Packed(const Frame& frame);  // one buffer, as files hold it: luma, chroma
 
-// An 8-bit grey image (width * height bytes, rows packed) that looks like a photograph to a
-// feature detector: smooth shading, four dozen flat-toned rectangles (some turned) and ellipses
-// with sharp edges, mild noise. Some hundreds of strong corners at 960x540 and at 1920x1080
-// alike; the same seed gives the same image on every platform.
+// An 8-bit grey image (rows packed) that looks like a photograph to a feature detector: smooth
+// shading, four dozen sharp-edged rectangles (some turned) and ellipses, mild noise. Some hundreds
+// of strong corners at 960x540 and 1920x1080 alike; a seed gives the same image everywhere.
 std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed);
 
-// Floats of every kind for the float kernels: mostly ordinary values of wide range and small
-// integers (ties, equal values) and, one in special_in on average, zeros of both signs,
-// infinities, NaN, subnormals and arbitrary bit patterns.
+// Mostly ordinary floats of wide range and small integers (ties); one in special_in on average a
+// zero of either sign, an infinity, NaN, a subnormal or an arbitrary bit pattern.
 std::vector<float> RandomFloats(size_t count, uint32_t seed, int special_in = 4);
 
-// The frame as one buffer, as files and the tool hold it: luma, then chroma.
-std::vector<uint8_t> Packed(const Frame& frame);
-
-// The record of a frame as an app hands it in (format 4 or 5). The caller-defined fields carry
-// recognisable values: attr0..attr3 0xA0..0xA3, plane 0 attr0/attr1/attr2 1/2/3, plane 1 4/5/6.
+// The record of a frame as an app hands it in, its caller-defined fields recognisable:
+// attr0..attr3 0xA0..0xA3, plane 0 attr0/attr1/attr2 1/2/3, plane 1 4/5/6.
 image MakeImage(Frame& frame, uint32_t format = 4);
 
-// Running mean of frames in double precision, as a camera pipeline defines it:
-// mean = (mean * n) / (n + 1) + sample / (n + 1).
+// Running mean in double precision: mean = (mean * n) / (n + 1) + sample / (n + 1).
 struct ReferenceMean {
-  std::vector<double> y;
-  std::vector<double> uv;
+  std::vector<double> y, uv;
   int folded = 0;
   void Fold(const Frame& frame);
-  // Truncated to bytes and sharpened in place with threshold 2 and amount 1.
-  Frame Result(int width, int height) const;
+  Frame Result(int width, int height) const;  // truncated, sharpened in place (2, 1.0)
 };
 
-// The sharpen rule written out pixel by pixel, independently of the library: 3x3 binomial blur
-// (border cells take the source luma), thresholded unsharp mask, chroma rescaled by the ratio of
-// new luma to the re-read source luma.
+// The sharpen rule written out pixel by pixel: 3x3 binomial blur (border cells take the source
+// luma), thresholded unsharp mask, chroma scaled by new luma over the re-read source luma.
 void ReferenceSharpen(const uint8_t* src_y, const uint8_t* src_uv, uint8_t* dst_y, uint8_t* dst_uv,
                       int width, int height, int threshold, float amount);
 
@@ -86,8 +76,7 @@ std::vector<uint8_t> ReadFile(const std::string& path);  // empty if unreadable
 // One call of __android_log_write as the library made it.
 struct LogRecord {
   int priority;
-  std::string tag;
-  std::string text;
+  std::string tag, text;
 };
 std::vector<LogRecord> TakeLogRecords();  // returns and clears what was recorded
 // Blocks until a record whose text contains needle arrives (true) or a few seconds pass (false).
@@ -114,8 +103,7 @@ inline std::string MaskLineNumber(const std::string& text) {
   return std::regex_replace(text, std::regex("\\] \\d+  "), "] N  ");
 }
 
-// A job for a pool's worker that holds it until Open(), so that what is submitted meanwhile is
-// known to be queued behind it.
+// A pool job that holds its worker until Open(), so what is submitted meanwhile queues behind it.
 struct Gate {
   std::mutex mutex;
   std::condition_variable cv;
