@@ -138,8 +138,9 @@ void BlurStripHalf(const uint8_t* src, uint8_t* dst, ptrdiff_t stride, int heigh
 
 void GaussBlurPlane8(const uint8_t* src, uint8_t* dst, int width, int height) {
   const ptrdiff_t stride = width;
-  // Outputs 1 .. width - 2: tiles of whole 32-column vectors (their ring stays in L1), then a
-  // step of 16 and one of 8, then the scalar rule on the rest of each row. A step at c reads
+  // Outputs 1 .. width - 2: tiles of whole 32-column vectors (their ring stays in L1), then one
+  // vector ending at the last column; planes narrower than that take a step of 16 and one of 8,
+  // then the scalar rule on the rest of each row. A step at c reads
   // columns c - 1 .. c + its width, inside the row.
   constexpr int kTile = 64;  // vectors per tile: a ring of 8 KiB
   alignas(32) __m256i ring[4 * kTile];
@@ -149,6 +150,13 @@ void GaussBlurPlane8(const uint8_t* src, uint8_t* dst, int width, int height) {
     if (n > kTile) n = kTile;
     BlurTile(src, dst, stride, height, c, n, ring);
     c += 32 * n;
+  }
+  if (c < width - 1 && width - 1 - 32 >= 1) {
+    // One more vector, ending at the last output column: it writes again some outputs already
+    // written, with the same values (dst is never src), instead of narrower steps and the
+    // scalar rule, which took a fifth of the time on a 1080p plane.
+    BlurTile(src, dst, stride, height, width - 1 - 32, 1, ring);
+    c = width - 1;
   }
   if (c + 16 <= width - 1) {
     BlurStripHalf<16>(src, dst, stride, height, c);

@@ -107,9 +107,9 @@ void BlurStrip8(const uint8_t* src, uint8_t* dst, ptrdiff_t stride, int height, 
 
 void GaussBlurPlane8(const uint8_t* src, uint8_t* dst, int width, int height) {
   const ptrdiff_t stride = width;
-  // Outputs 1 .. width - 2: tiles of whole 16-column vectors, then a step of 8, then the scalar
-  // rule on the rest of each row. A step at c reads columns c - 1 .. c + its width, inside the
-  // row.
+  // Outputs 1 .. width - 2: tiles of whole 16-column vectors, then one vector ending at the last
+  // column; planes narrower than that take a step of 8, then the scalar rule on each row's rest.
+  // A step at c reads columns c - 1 .. c + its width, inside the row.
   constexpr int kTile = 128;  // vectors per tile: a ring of 8 KiB
   uint16x8_t ring[4 * kTile];
   int c = 1;
@@ -118,6 +118,13 @@ void GaussBlurPlane8(const uint8_t* src, uint8_t* dst, int width, int height) {
     if (n > kTile) n = kTile;
     BlurTile(src, dst, stride, height, c, n, ring);
     c += 16 * n;
+  }
+  if (c < width - 1 && width - 1 - 16 >= 1) {
+    // One more vector, ending at the last output column: it writes again some outputs already
+    // written, with the same values (dst is never src), instead of a narrower step and the
+    // scalar rule.
+    BlurTile(src, dst, stride, height, width - 1 - 16, 1, ring);
+    c = width - 1;
   }
   if (c + 8 <= width - 1) {
     BlurStrip8(src, dst, stride, height, c);
