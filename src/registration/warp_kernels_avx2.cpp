@@ -163,6 +163,33 @@ Cells Split(const Positions& p, double max_x, double max_y) {
   return c;
 }
 
+// The eight lanes' bilinear blends of their four samples (int32 lanes), in double, in the
+// definition's order, rounded half away from zero.
+__m256i Blend(const Cells& c, __m256i tl, __m256i tr, __m256i bl, __m256i br) {
+  const __m256d one = _mm256_set1_pd(1.0);
+  __m128i value[2];
+  for (int g = 0; g < 2; ++g) {
+    const auto half = [g](__m256i v) {
+      return _mm256_cvtepi32_pd(g == 0 ? _mm256_castsi256_si128(v)
+                                       : _mm256_extracti128_si256(v, 1));
+    };
+    const __m256d fx = c.fx[g], fy = c.fy[g];
+    const __m256d gx = _mm256_sub_pd(one, fx), gy = _mm256_sub_pd(one, fy);
+    // fy (1 - fx) bl + (1 - fx)(1 - fy) tl, then + fx (1 - fy) tr, then + fx fy br.
+    __m256d v = _mm256_add_pd(_mm256_mul_pd(_mm256_mul_pd(fy, gx), half(bl)),
+                              _mm256_mul_pd(_mm256_mul_pd(gx, gy), half(tl)));
+    v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, gy), half(tr)));
+    v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, fy), half(br)));
+    // v >= 0 (a blend of bytes with weights in 0..1): halves away from zero are halves up,
+    // the floor plus one when the exact fraction reaches one half.
+    const __m256d fl = _mm256_floor_pd(v);
+    const __m256d up = _mm256_cmp_pd(_mm256_sub_pd(v, fl), _mm256_set1_pd(0.5), _CMP_GE_OQ);
+    value[g] = _mm256_cvttpd_epi32(_mm256_add_pd(fl, _mm256_and_pd(up, one)));
+  }
+  return Join(value[0], value[1]);
+}
+
+
 // What the fixed-point and the nearest rules need of eight positions, from one floor per
 // coordinate. The nearest rule's view is the wider one: round(s) lies in 0 .. size - 1 exactly
 // when -0.5 < s < size - 0.5 (halves go away from zero: -0.5 gives -1, size - 0.5 gives size).
@@ -385,7 +412,6 @@ void NearestRow(const double* H, const uint8_t* src, uint8_t* dst_row, int width
 void BilinearRow(const double* H, const BilinearSource& src, uint8_t* dst_row, int width, int y,
                  uint8_t fill, int x_begin) {
   const Matrix m(H);
-  const __m256d one = _mm256_set1_pd(1.0);
   // The bytes a sample may read: up to the last column of the last row. The pair gathers of a
   // sample of one byte need four of them.
   const int size = src.last_row * src.stride + src.last_col * src.step + 1;
@@ -405,27 +431,8 @@ void BilinearRow(const double* H, const BilinearSource& src, uint8_t* dst_row, i
     __m256i tl, tr, bl, br;
     GatherPairs(src.plane, top, dx, size, &tl, &tr);
     GatherPairs(src.plane, bottom, dx, size, &bl, &br);
-    __m128i value[2];
-    for (int g = 0; g < 2; ++g) {
-      const auto half = [g](__m256i v) {
-        return _mm256_cvtepi32_pd(g == 0 ? _mm256_castsi256_si128(v)
-                                         : _mm256_extracti128_si256(v, 1));
-      };
-      const __m256d fx = c.fx[g], fy = c.fy[g];
-      const __m256d gx = _mm256_sub_pd(one, fx), gy = _mm256_sub_pd(one, fy);
-      // fy (1 - fx) bl + (1 - fx)(1 - fy) tl, then + fx (1 - fy) tr, then + fx fy br.
-      __m256d v = _mm256_add_pd(_mm256_mul_pd(_mm256_mul_pd(fy, gx), half(bl)),
-                                _mm256_mul_pd(_mm256_mul_pd(gx, gy), half(tl)));
-      v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, gy), half(tr)));
-      v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, fy), half(br)));
-      // v >= 0 (a blend of bytes with weights in 0..1): halves away from zero are halves up,
-      // the floor plus one when the exact fraction reaches one half.
-      const __m256d fl = _mm256_floor_pd(v);
-      const __m256d up = _mm256_cmp_pd(_mm256_sub_pd(v, fl), _mm256_set1_pd(0.5), _CMP_GE_OQ);
-      value[g] = _mm256_cvttpd_epi32(_mm256_add_pd(fl, _mm256_and_pd(up, one)));
-    }
     Store8(dst_row + x,
-           _mm256_blendv_epi8(_mm256_set1_epi32(fill), Join(value[0], value[1]), c.mask));
+           _mm256_blendv_epi8(_mm256_set1_epi32(fill), Blend(c, tl, tr, bl, br), c.mask));
   }
   scalar::BilinearRow(H, src, dst_row, width, y, fill, x);
 }
@@ -480,7 +487,6 @@ void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uin
 void DirectChromaRow(const double* H, const BilinearSource& luma, const BilinearSource& chroma,
                      uint8_t* dst_pairs, int width, int y, int x_begin) {
   const Matrix m(H);
-  const __m256d one = _mm256_set1_pd(1.0);
   // The bytes a chroma sample may read: up to the second byte of the last pair of the last row.
   const int size = chroma.last_row * chroma.stride + chroma.last_col * chroma.step + 2;
   const __m256i inc = _mm256_set1_epi32(1);
@@ -511,27 +517,9 @@ void DirectChromaRow(const double* H, const BilinearSource& luma, const Bilinear
       const __m256i tr = _mm256_and_si256(_mm256_srli_epi32(top, 8 * b + 16), mask);
       const __m256i bl = _mm256_and_si256(_mm256_srli_epi32(bottom, 8 * b), mask);
       const __m256i br = _mm256_and_si256(_mm256_srli_epi32(bottom, 8 * b + 16), mask);
-      __m128i value[2];
-      for (int g = 0; g < 2; ++g) {
-        const auto half = [g](__m256i v) {
-          return _mm256_cvtepi32_pd(g == 0 ? _mm256_castsi256_si128(v)
-                                           : _mm256_extracti128_si256(v, 1));
-        };
-        const __m256d fx = c.fx[g], fy = c.fy[g];
-        const __m256d gx = _mm256_sub_pd(one, fx), gy = _mm256_sub_pd(one, fy);
-        // fy (1 - fx) bl + (1 - fx)(1 - fy) tl, then + fx (1 - fy) tr, then + fx fy br.
-        __m256d v = _mm256_add_pd(_mm256_mul_pd(_mm256_mul_pd(fy, gx), half(bl)),
-                                  _mm256_mul_pd(_mm256_mul_pd(gx, gy), half(tl)));
-        v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, gy), half(tr)));
-        v = _mm256_add_pd(v, _mm256_mul_pd(_mm256_mul_pd(fx, fy), half(br)));
-        // v >= 0: halves away from zero are halves up.
-        const __m256d fl = _mm256_floor_pd(v);
-        const __m256d up = _mm256_cmp_pd(_mm256_sub_pd(v, fl), _mm256_set1_pd(0.5), _CMP_GE_OQ);
-        value[g] = _mm256_cvttpd_epi32(_mm256_add_pd(fl, _mm256_and_pd(up, one)));
-      }
       // Out of the chroma view: 128.
       const __m256i sample =
-          _mm256_blendv_epi8(_mm256_set1_epi32(128), Join(value[0], value[1]), c.mask);
+          _mm256_blendv_epi8(_mm256_set1_epi32(128), Blend(c, tl, tr, bl, br), c.mask);
       bytes = _mm256_or_si256(bytes, _mm256_slli_epi32(sample, 8 * b));
     }
     // The eight pairs as 16-bit lanes in order, beside the luma view as 16-bit masks; blocks

@@ -107,6 +107,29 @@ Cells Split(const Positions& p, double max_x, double max_y) {
   return c;
 }
 
+// The four lanes (half h of the step) of bilinear blends of their four samples, in double, in the
+// definition's order, rounded half away from zero.
+int32x4_t Blend(const Cells& c, int h, uint32x4_t tl, uint32x4_t tr, uint32x4_t bl,
+                uint32x4_t br) {
+  const float64x2_t one = vdupq_n_f64(1.0);
+  int64x2_t rounded[2];
+  for (int k = 0; k < 2; ++k) {
+    const auto lanes = [k](uint32x4_t v) {
+      return vcvtq_f64_u64(vmovl_u32(k == 0 ? vget_low_u32(v) : vget_high_u32(v)));
+    };
+    const float64x2_t fx = c.fx[2 * h + k], fy = c.fy[2 * h + k];
+    const float64x2_t gx = vsubq_f64(one, fx), gy = vsubq_f64(one, fy);
+    // fy (1 - fx) bl + (1 - fx)(1 - fy) tl, then + fx (1 - fy) tr, then + fx fy br.
+    float64x2_t v = vaddq_f64(vmulq_f64(vmulq_f64(fy, gx), lanes(bl)),
+                              vmulq_f64(vmulq_f64(gx, gy), lanes(tl)));
+    v = vaddq_f64(v, vmulq_f64(vmulq_f64(fx, gy), lanes(tr)));
+    v = vaddq_f64(v, vmulq_f64(vmulq_f64(fx, fy), lanes(br)));
+    rounded[k] = vcvtq_s64_f64(vrndaq_f64(v));
+  }
+  return JoinInt(rounded[0], rounded[1]);
+}
+
+
 // Four lanes of bytes at base + off and base + off + dx, loaded one by one.
 void LoadPairs(const uint8_t* base, int32x4_t off, int32x4_t dx, uint32x4_t* a, uint32x4_t* b) {
   int32_t o[4], d[4];
@@ -222,7 +245,6 @@ void NearestRow(const double* H, const uint8_t* src, uint8_t* dst_row, int width
 
 void BilinearRow(const double* H, const BilinearSource& src, uint8_t* dst_row, int width, int y,
                  uint8_t fill, int x_begin) {
-  const float64x2_t one = vdupq_n_f64(1.0);
   int x = x_begin;
   for (; x + kStep <= width; x += kStep) {
     const Cells c = Split(FullScale(H, src, x, y), src.max_x, src.max_y);
@@ -236,21 +258,7 @@ void BilinearRow(const double* H, const BilinearSource& src, uint8_t* dst_row, i
       uint32x4_t tl, tr, bl, br;
       LoadPairs(src.plane, vaddq_s32(vmulq_s32(c.y0[h], stride), left), dx, &tl, &tr);
       LoadPairs(src.plane, vaddq_s32(vmulq_s32(y1, stride), left), dx, &bl, &br);
-      int64x2_t rounded[2];
-      for (int k = 0; k < 2; ++k) {
-        const auto lanes = [k](uint32x4_t v) {
-          return vcvtq_f64_u64(vmovl_u32(k == 0 ? vget_low_u32(v) : vget_high_u32(v)));
-        };
-        const float64x2_t fx = c.fx[2 * h + k], fy = c.fy[2 * h + k];
-        const float64x2_t gx = vsubq_f64(one, fx), gy = vsubq_f64(one, fy);
-        // fy (1 - fx) bl + (1 - fx)(1 - fy) tl, then + fx (1 - fy) tr, then + fx fy br.
-        float64x2_t v = vaddq_f64(vmulq_f64(vmulq_f64(fy, gx), lanes(bl)),
-                                  vmulq_f64(vmulq_f64(gx, gy), lanes(tl)));
-        v = vaddq_f64(v, vmulq_f64(vmulq_f64(fx, gy), lanes(tr)));
-        v = vaddq_f64(v, vmulq_f64(vmulq_f64(fx, fy), lanes(br)));
-        rounded[k] = vcvtq_s64_f64(vrndaq_f64(v));
-      }
-      value[h] = vbslq_u32(c.mask[h], vreinterpretq_u32_s32(JoinInt(rounded[0], rounded[1])),
+      value[h] = vbslq_u32(c.mask[h], vreinterpretq_u32_s32(Blend(c, h, tl, tr, bl, br)),
                            vdupq_n_u32(fill));
     }
     Store8(dst_row + x, value[0], value[1]);
@@ -293,7 +301,6 @@ void SplitRows(const double* H, const uint8_t* src_y, const uint8_t* src_uv, uin
 
 void DirectChromaRow(const double* H, const BilinearSource& luma, const BilinearSource& chroma,
                      uint8_t* dst_pairs, int width, int y, int x_begin) {
-  const float64x2_t one = vdupq_n_f64(1.0);
   int x = x_begin;
   // Eight blocks a step: luma columns x, x + 2, .. x + 14, chroma columns x / 2 .. x / 2 + 7.
   for (; x + 2 * kStep <= width; x += 2 * kStep) {
@@ -321,23 +328,9 @@ void DirectChromaRow(const double* H, const BilinearSource& luma, const Bilinear
         uint32x4_t tl, tr, bl, br;
         LoadPairs(chroma.plane + b, vaddq_s32(vmulq_s32(c.y0[h], stride), left), dx, &tl, &tr);
         LoadPairs(chroma.plane + b, vaddq_s32(vmulq_s32(y1, stride), left), dx, &bl, &br);
-        int64x2_t rounded[2];
-        for (int k = 0; k < 2; ++k) {
-          const auto lanes = [k](uint32x4_t v) {
-            return vcvtq_f64_u64(vmovl_u32(k == 0 ? vget_low_u32(v) : vget_high_u32(v)));
-          };
-          const float64x2_t fx = c.fx[2 * h + k], fy = c.fy[2 * h + k];
-          const float64x2_t gx = vsubq_f64(one, fx), gy = vsubq_f64(one, fy);
-          // fy (1 - fx) bl + (1 - fx)(1 - fy) tl, then + fx (1 - fy) tr, then + fx fy br.
-          float64x2_t v = vaddq_f64(vmulq_f64(vmulq_f64(fy, gx), lanes(bl)),
-                                    vmulq_f64(vmulq_f64(gx, gy), lanes(tl)));
-          v = vaddq_f64(v, vmulq_f64(vmulq_f64(fx, gy), lanes(tr)));
-          v = vaddq_f64(v, vmulq_f64(vmulq_f64(fx, fy), lanes(br)));
-          rounded[k] = vcvtq_s64_f64(vrndaq_f64(v));
-        }
         // Out of the chroma view: 128.
         vst1q_u32(pair[b] + 4 * h,
-                  vbslq_u32(c.mask[h], vreinterpretq_u32_s32(JoinInt(rounded[0], rounded[1])),
+                  vbslq_u32(c.mask[h], vreinterpretq_u32_s32(Blend(c, h, tl, tr, bl, br)),
                             vdupq_n_u32(128)));
       }
     }
