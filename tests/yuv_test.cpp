@@ -1,5 +1,4 @@
-// NV12/NV21 conversion and scaling, raw YUV files: each rule on hand-worked values, the odd
-// behaviours that are kept, and the vector rows against the scalar definition.
+// NV12/NV21 conversion and scaling, raw YUV files, and their vector rows.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,9 +31,8 @@ Bytes ConvertOne(bool nv12, uint8_t y, uint8_t u, uint8_t v) {
   return rgb;
 }
 
+// Y U V, then R G B worked by hand in float, clamped and truncated, in either chroma order.
 TEST(YuvToRgb, SinglePrecisionRuleClampedAndTruncatedInEitherChromaOrder) {
-  // Y U V, then R G B worked by hand from R = V'*1.370705 + Y, G = (Y + U'*-0.337633) +
-  // V'*-0.698001, B = U'*1.732446 + Y with U' = U - 128, V' = V - 128.
   const std::pair<Bytes, Bytes> cases[] = {
       {{128, 128, 128}, {128, 128, 128}},  // grey stays grey
       {{255, 128, 255}, {255, 166, 255}},  // R 429.07 clamps to 255; G 166.35
@@ -70,10 +68,9 @@ TEST(YuvToRgb, PlanesAreStridedByWidthPlusPadding) {
   EXPECT_EQ(out, kUntouched);
 }
 
+// 4x2 to 8x4: halfway values truncate, the far neighbour clamps to the edge; chroma pair 1
+// takes luma column 2's weight 0 (copied, not averaged to 30, 40).
 TEST(NV12Linear, TruncatesClampsTheFarNeighbourAndWeighsChromaAsItsLuma) {
-  // 4x2 to 8x4 (steps 0.5): odd columns and rows fall halfway (1.5 truncates to 1); the last
-  // column and rows reach past the source and take its edge. Chroma pair 1 lies at column 0.5
-  // for luma columns 2 and 3, yet takes luma column 2's weight 0: copied, not averaged to 30, 40.
   Bytes src = {1, 2, 3, 4, 5, 6, 7, 8, 10, 20, 50, 60}, dst(50, kUntouched), luma = dst;
   EXPECT_EQ(NV12Linear(src.data(), dst.data(), 4, 2, 8, 4), 0);
   EXPECT_EQ(NV12Linear_Y(src.data(), luma.data(), 4, 2, 8, 4), 0);
@@ -88,9 +85,9 @@ TEST(NV12Linear, TruncatesClampsTheFarNeighbourAndWeighsChromaAsItsLuma) {
   EXPECT_EQ(one, kUntouched);
 }
 
+// 6x4 to 3x4: chroma rows of 3 / 2 = 1 pair, two written each: row 1's first overwrites row 0's
+// second. Source pair (r, c) is {10r + c, 100 + 10r + c}.
 TEST(NV12Linear, OddDestinationWidthKeepsTheShortChromaStride) {
-  // 6x4 to 3x4: a chroma row holds 3 / 2 = 1 pair, yet pairs 0 and 1 are written per row, so
-  // row 1's first pair overwrites row 0's second. Source pair (r, c) is {10r + c, 100 + 10r + c}.
   Bytes src(6 * 4 + 12 + 2), dst(3 * 4 + 6 + 4, kUntouched);
   for (int p = 0; p < 6; ++p) {
     src[24 + 2 * p] = uint8_t(p / 3 * 10 + p % 3);
@@ -101,8 +98,8 @@ TEST(NV12Linear, OddDestinationWidthKeepsTheShortChromaStride) {
   EXPECT_EQ(Bytes(dst.begin() + 12, dst.end()), want);
 }
 
+// 10x4 to 3x2: blocks of 3x2, area 6; source column 9 lies outside every block.
 TEST(NV12AvgScaling, TruncatedBoxMeansOfLumaOnlyAndBlackForEmptyBlocks) {
-  // 10x4 to 3x2: blocks of 3x2, area 6; source column 9 lies outside every block.
   Bytes src(10 * 4 + 20), dst(3 * 2 + 3, kUntouched);
   for (int i = 0; i < 40; ++i) src[i] = uint8_t(i % 10 == 9 ? 255 : i / 10 * 10 + i % 10);
   src[0] = 5;  // block (0, 0) sums to 41: 41 / 6 truncates to 6
@@ -123,8 +120,8 @@ class YuvFile : public testing::Test {
   const std::string planes_ = dir_ / "planes.yuv", whole_ = dir_ / "frame.yuv";
 };
 
-TEST_F(YuvFile, WritersWriteLumaThenChromaWithTruncatedSizesAndReadersReadThemBack) {
-  // 3x3: 9 luma and 9 / 2 = 4 chroma bytes; a whole frame is 27 / 2 = 13.
+// 3x3: 9 luma and 9 / 2 = 4 chroma bytes; a whole frame is 27 / 2 = 13.
+TEST_F(YuvFile, WritersTruncateSizesAndDoublesAndReadersReadBack) {
   for (const auto& [w, h, luma, chroma, frame] : {std::tuple{4, 2, 8, 4, 12}, {3, 3, 9, 4, 13},
                                                   {5, 1, 5, 2, 7}}) {
     SCOPED_TRACE(testing::Message() << w << "x" << h);
@@ -143,13 +140,10 @@ TEST_F(YuvFile, WritersWriteLumaThenChromaWithTruncatedSizesAndReadersReadThemBa
     bytes.resize(in.size(), kUntouched);
     EXPECT_EQ(in, bytes);
   }
-}
-
-TEST_F(YuvFile, DoublesAreTruncatedToInt32AndWrapToTheirLowByte) {
+  // Doubles are truncated to int32 (saturating) and wrap to their low byte.
   const double inf = std::numeric_limits<double>::infinity();
   std::vector<double> values = {255.9, 256.0, -1.0, 300.0, -0.5, 0.99,
                                 1e12,  -1e12, inf,  -inf,  std::nan(""), 511.0};
-  // 1e12 and +inf saturate to INT32_MAX (low byte 0xFF), -1e12 and -inf to INT32_MIN (0x00).
   const Bytes want = {255, 0, 255, 44, 0, 0, 255, 0, 255, 0, 0, 255};
   WriteYUVFile(values.data(), values.data() + 8, planes_.c_str(), 4, 2);  // 8 + 4 bytes
   writeYUVFile(whole_, values.data(), 4, 2);
@@ -157,8 +151,7 @@ TEST_F(YuvFile, DoublesAreTruncatedToInt32AndWrapToTheirLowByte) {
   EXPECT_EQ(testutil::ReadFile(whole_), want);
 }
 
-// A file that cannot be opened is logged and nothing is transferred, rather than using a null
-// stream.
+// A file that cannot be opened is logged and nothing is transferred (no null stream used).
 TEST_F(YuvFile, AFileThatCannotBeOpenedTransfersNothingAndIsLogged) {
   const std::string missing = dir_ / "no-such-dir/frame.yuv";
   Bytes luma(8, kUntouched), chroma(4, kUntouched), frame(12, kUntouched);
@@ -193,8 +186,7 @@ TEST_F(YuvFile, OnlyTheLowerCaseReaderRefusesAReadOnlyFile) {
   EXPECT_EQ(frame, stored);
 }
 
-// The conversion at every harness size in both chroma orders, the padding from the seed. The
-// buffers end flush: the last pair of an odd row reaches one byte past the width, no further.
+// Both chroma orders, padding from the seed; an odd row's last pair reads one byte past the width.
 struct YuvConvertFamily {
   static constexpr const char* kName = "YuvConvert";
   using Kernels = velmora::YuvConvertKernels;
@@ -222,9 +214,8 @@ struct YuvConvertFamily {
 };
 TEST_P(KernelConformance, YuvConvert) { ExpectMatchesScalar<YuvConvertFamily>(GetParam()); }
 
-// NV12Linear and NV12Linear_Y from each harness size to a shrunk, equal or grown one. Even
-// sources end flush (the luma-only one at the luma), so ASan sees a gather reaching past what
-// the rule reads; odd ones, which the rule itself reads past a whole frame, get some room.
+// Whole frame and luma only, to a shrunk, equal or grown size. Even sources end flush (ASan sees
+// a gather reaching too far); odd ones, which the rule itself reads past, get some room.
 struct Nv12LinearFamily {
   static constexpr const char* kName = "NV12Linear";
   using Kernels = velmora::YuvScaleKernels;
