@@ -1,4 +1,4 @@
-// The diagnostics object (layout, clocks, search, log lines, /proc figures) and galloc's null rules.
+// The diagnostics object (layout, clocks, search, log lines, /proc figures); galloc's null rules.
 #include "velmora/diagnostics.h"
 
 #include <gtest/gtest.h>
@@ -112,12 +112,12 @@ TEST(Utils, SystemFiguresReadFromMeminfoLines) {
   std::FILE* file = std::tmpfile();
   std::fputs("MemTotal:  1000 kB\nHugePages_Total:  4\nCached:  70 kB\n", file);
   std::rewind(file);
-  _mem_info parsed[50];
-  ASSERT_EQ(velmora::ReadMemInfoLines(file, parsed, 50), 4);
-  EXPECT_EQ(Entry(parsed[0]) + ", " + Entry(parsed[1]) + ", " + Entry(parsed[3]),  // no unit; the last line twice
+  _mem_info e[50];
+  ASSERT_EQ(velmora::ReadMemInfoLines(file, e, 50), 4);
+  EXPECT_EQ(Entry(e[0]) + ", " + Entry(e[1]) + ", " + Entry(e[3]),  // no unit; the last line twice
             "MemTotal: 1000 kB, HugePages_Total: 4 , Cached: 70 kB");
   std::rewind(file);
-  EXPECT_EQ(velmora::ReadMemInfoLines(file, parsed, 2), 2);  // stops at the limit
+  EXPECT_EQ(velmora::ReadMemInfoLines(file, e, 2), 2);  // stops at the limit
   std::fclose(file);
   // This host's /proc/meminfo: no ION or GPU figures here, their entries left alone; up to 50
   // lines read, one more than a shorter file has.
@@ -128,7 +128,7 @@ TEST(Utils, SystemFiguresReadFromMeminfoLines) {
   while (std::getline(meminfo, line)) ++lines;
   Utils* u = Utils::getInstance();
   _mem_info out[8];
-  for (_mem_info& e : out) e = {"-", 7, "-"};
+  for (_mem_info& m : out) m = {"-", 7, "-"};
   const auto records = LogsOf([&] { u->getMemInfo(out); });
   const int count = std::min(50, lines + 1);
   EXPECT_EQ(u->mem_count, count);

@@ -122,12 +122,8 @@ std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
     const double turn = (k % 3 == 0) ? kTau * unit() : 0.0;
     const double c = std::cos(turn), s = std::sin(turn);
     const double level = 20 + 215 * unit(), reach = std::hypot(a, b);
-    const int x0 = std::max(0, static_cast<int>(cx - reach));
-    const int x1 = std::min(width - 1, static_cast<int>(cx + reach));
-    const int y0 = std::max(0, static_cast<int>(cy - reach));
-    const int y1 = std::min(height - 1, static_cast<int>(cy + reach));
-    for (int y = y0; y <= y1; ++y) {
-      for (int x = x0; x <= x1; ++x) {
+    for (int y = std::max(0, int(cy - reach)); y <= std::min(height - 1, int(cy + reach)); ++y) {
+      for (int x = std::max(0, int(cx - reach)); x <= std::min(width - 1, int(cx + reach)); ++x) {
         const double u = (x - cx) * c + (y - cy) * s, t = -(x - cx) * s + (y - cy) * c;
         const bool inside = ellipse ? (u * u) / (a * a) + (t * t) / (b * b) <= 1.0
                                     : std::abs(u) <= a && std::abs(t) <= b;
