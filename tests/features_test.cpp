@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <random>
 #include <string>
 #include <tuple>
@@ -27,7 +26,7 @@ namespace {
 using Image = std::vector<uint8_t>;
 using Floats = std::vector<float>;
 constexpr int kLen = 64;
-const float kNan = std::numeric_limits<float>::quiet_NaN();
+const float kNan = NAN;
 
 uint32_t Bits(float f) {
   uint32_t b;

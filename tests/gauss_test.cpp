@@ -3,7 +3,6 @@
 
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <string>
 #include <vector>
 
@@ -17,8 +16,8 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using Floats = std::vector<float>;
 
-// 255 spreads as 255 * {1, 2, 4} / 16 truncated (rounding gives 64), 1.0f as the float weights;
-// the border and planes under three rows or columns are untouched.
+// 255 as 255 * {1, 2, 4} / 16 truncated (not 64), 1.0f as the float weights; borders and planes
+// under three rows or columns untouched.
 TEST(GaussBlur, ImpulseSpreadsAsTheWeightsInsideAnUntouchedBorder) {
   Bytes src(25, 0), dst(25, 0xEE);
   Floats fsrc(25, 0.0f), fdst(25, -1.0f);
@@ -67,7 +66,7 @@ TEST(ComputeGaussCoefs, PicksTheBranchOfQAndRoundsAsDefined) {
   const std::pair<float, Coefs> cases[] = {
       {0.2f, constant_q},
       {std::nextafter(0.5f, 0.0f), constant_q},
-      {std::numeric_limits<float>::quiet_NaN(), constant_q},
+      {NAN, constant_q},
       {0.5f, {0x1.ae3aec0634912p-1, {0x1.e0d2983c25040p+0, 0x1.47bb7c533cdf2p-2,
                                      -0x1.5393b49d97636p-6, 0x1.4ea4e92210386p-11}}},
       // The square root rounded to float before it is scaled shows here.

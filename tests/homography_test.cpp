@@ -146,14 +146,20 @@ TEST(GetSubset, MultiplyWithCarryDrawsOfNonCollinearSubsets) {
   checkPartialSubsets = false;
 }
 
-// Squared error against 9 after rounding to float, inclusive; the count of iterations.
+// Squared error rounded to float against 9, inclusive; H[8] (here 7) never read; iterations.
 TEST(FindInliers, InclusiveOnTheFloatRoundedErrorAndTheIterationCount) {
-  for (const double dx : {3.0, 3.0 + 1e-9, -3.0, 3.000001, 5.0}) {
-    Point2D64f a = {10.0, 20.0}, b = {10.0 + dx, 20.0};
+  const double dxs[5] = {3.0, 3.0 + 1e-9, -3.0, 3.000001, 5.0};
+  double h[9] = {1, 0, 0, 0, 1, 0, 0, 0, 7};
+  Point2D64f a[5], b[5];
+  float err[5];
+  for (int i = 0; i < 5; ++i) a[i] = {10.0, 20.0 + i}, b[i] = {10.0 + dxs[i], 20.0 + i};
+  computeReprojError(a, b, h, err, 5);
+  for (int i = 0; i < 5; ++i) {
     unsigned char mask = 9;
-    const int expected = std::abs(dx) < 3.0000001 ? 1 : 0;
-    EXPECT_EQ(findInliers(&a, &b, const_cast<double*>(kIdentity), &mask, 3.0, 1), expected);
-    EXPECT_EQ(mask, expected) << dx;
+    const int expected = std::abs(dxs[i]) < 3.0000001 ? 1 : 0;
+    EXPECT_EQ(findInliers(&a[i], &b[i], h, &mask, 3.0, 1), expected);
+    EXPECT_EQ(mask, expected) << dxs[i];
+    EXPECT_EQ(err[i], static_cast<float>((b[i].x - 10.0) * (b[i].x - 10.0))) << dxs[i];
   }
   // round(log(0.005) / log(1 - 0.5^4)) = 82; 26.95 rounds up, 10.05 down; capped by the current
   // count; no inlier or no confidence: log(1) = 0; every point an inlier: 0; NaN keeps the budget.
@@ -184,7 +190,6 @@ TEST(FindHomography, RecoversPlantedInliersUnlessTooFewOrCollinear) {
     EXPECT_EQ(std::memcmp(h[0], h[2], sizeof(h[0])), 0);
     EXPECT_NE(std::memcmp(h[0], h[3], sizeof(h[0])), 0);
     std::vector<unsigned char> mask(count);
-    h[0][8] = 7;  // never read by the error
     findInliers(p.src.data(), p.dst.data(), h[0], mask.data(), 3.0, count);
     EXPECT_EQ(mask, p.inlier);
   }

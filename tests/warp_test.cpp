@@ -30,9 +30,8 @@ Bytes Warp(PlaneWarp warp, Matrix H, Bytes src, int w, int h, Bytes dst) {
   return dst;
 }
 
-// Two equal rows. Bilinear: positions 0 to width - 1 inclusive; double blend rounds half away
-// (20.5 -> 21), fixed point truncates 11-bit weights (0.3 -> 614, 12.99 -> 12); nearest rounds
-// first, then tests the rounded position against the width.
+// Bilinear: positions 0 to width - 1 inclusive, the double blend rounds half away (20.5 -> 21),
+// fixed point truncates 11-bit weights (0.3 -> 614, 12.99 -> 12); nearest rounds, then bounds.
 TEST(PlaneWarps, BlendsAndBoundsOfEachMember) {
   const Bytes src = {10, 20, 21, 40, 50, 60, 10, 20, 21, 40, 50, 60};
   const struct {
@@ -59,8 +58,7 @@ TEST(PlaneWarps, BlendsAndBoundsOfEachMember) {
   }
 }
 
-// Near-identity, rotations, strong perspective (denominator crossing zero), half-pixel steps,
-// and degenerate ones: positions NaN, infinite or far beyond the int range.
+// Near-identity, rotations, strong perspective, half-pixel steps; positions NaN, inf, beyond int.
 std::vector<Matrix> Homographies(int w, int h, uint32_t seed) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<double> u(-1.0, 1.0);
@@ -78,8 +76,7 @@ std::vector<Matrix> Homographies(int w, int h, uint32_t seed) {
   return hs;
 }
 
-// Luma by the fixed-point warp, chroma replicated over 2x2 blocks, warped nearest and folded back
-// by a truncating mean; 255 out of view, chroma included.
+// Luma by the fixed-point warp; chroma over 2x2 blocks, nearest, then a truncating mean.
 TEST(SplitFrameWarp, NearestChromaFoldedByATruncatingMean) {
   const int w = 8, h = 4, n = w * h;
   const Bytes src = RandomFrameBuffer(w, h, 4);
@@ -113,8 +110,7 @@ TEST(DirectFrameWarp, LumaZeroOutOfViewChromaUntouchedOr128) {
     std::fill(expected.begin(), expected.begin() + n, 0);
     EXPECT_EQ(Warp(warp, Translation(-100, 0), src, w, h, before), expected);
   }
-  // A shift of 4 moves the chroma by 4 pairs, not 2 (H at the same scale on the chroma grid);
-  // pairs whose luma is in view but whose chroma position is not become (128, 128).
+  // A shift of 4 moves chroma by 4 pairs, not 2; luma in view but chroma not: (128, 128).
   const Bytes dst = Warp(perspectiveWarpYUV, Translation(4, 0), src, w, h, before);
   for (int i = n; i < n + n / 2; ++i) {
     const int p = (i - n) % w / 2;  // the pair, whose luma column is 2p
