@@ -1,5 +1,4 @@
-// The diagnostics object: its layout, clocks and time stamps, search rules, the lines it logs and
-// the memory figures it reads from this host's /proc; and the null rules of the galloc wrappers.
+// The diagnostics object (layout, clocks, search, log lines, /proc figures); galloc's null rules.
 #include "velmora/diagnostics.h"
 
 #include <gtest/gtest.h>
@@ -66,7 +65,7 @@ TEST(Utils, ReadsTheMonotonicClockAndStampsLocalTime) {
   Utils::getInstance()->getNowFormatTime(nullptr);                     // must not write anywhere
 }
 
-TEST(Utils, EndProcessTimeLogsTheStepAndClearsBothTimes) {
+TEST(Utils, StepTimeAndFpsLogAndRestart) {
   Utils* u = Utils::getInstance();
   u->startProcessTime();
   u->start_ms -= 25;  // as if the step had taken 25 ms
@@ -76,18 +75,15 @@ TEST(Utils, EndProcessTimeLogsTheStepAndClearsBothTimes) {
   const int took = std::stoi(records[0].text.substr(records[0].text.find("is ") + 3));
   EXPECT_TRUE(took >= 25 && took < 1000) << took;
   EXPECT_TRUE(u->start_ms == 0 && u->end_ms == 0);
-}
-
-TEST(Utils, PrintfFpsReportsAfterASecondWithoutCountingTheReportingCall) {
-  Utils* u = Utils::getInstance();
+  // printfFPS reports after a second without counting the reporting call.
   u->reset();
   EXPECT_TRUE(LogsOf([u] { u->printfFPS("preview"), u->printfFPS("preview"); }).empty());
   EXPECT_EQ(u->fps_count, 2);
   u->fps_last_ms -= 1001;  // a second and a millisecond later
   const uint64_t before = u->getNowTime();
-  const auto records = LogsOf([u] { u->printfFPS("preview"); });
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_TRUE(IsLine(records[0], "printfFPS", "run preview fps is : 2 "));
+  const auto fps = LogsOf([u] { u->printfFPS("preview"); });
+  ASSERT_EQ(fps.size(), 1u);
+  EXPECT_TRUE(IsLine(fps[0], "printfFPS", "run preview fps is : 2 "));
   EXPECT_EQ(u->fps_count, 0);
   EXPECT_TRUE(u->fps_last_ms >= before && u->fps_last_ms <= u->getNowTime());  // the new start
 }
@@ -111,7 +107,8 @@ std::string Entry(const _mem_info& m) {
   return std::string(m.name) + " " + std::to_string(m.value) + " " + m.unit;
 }
 
-TEST(Utils, MemoryReportReadsLinesUntilAFailedReadDuplicatingTheLastOne) {
+// Lines are read until a failed read, which duplicates the last one.
+TEST(Utils, SystemFiguresReadFromMeminfoLines) {
   std::FILE* file = std::tmpfile();
   std::fputs("MemTotal:  1000 kB\nHugePages_Total:  4\nCached:  70 kB\n", file);
   std::rewind(file);
@@ -122,11 +119,8 @@ TEST(Utils, MemoryReportReadsLinesUntilAFailedReadDuplicatingTheLastOne) {
   std::rewind(file);
   EXPECT_EQ(velmora::ReadMemInfoLines(file, e, 2), 2);  // stops at the limit
   std::fclose(file);
-}
-
-// The system keys found in this host's /proc/meminfo; a desktop kernel has no ION or GPU figures,
-// whose entries are left alone. Up to 50 lines are read, one more than a shorter file has.
-TEST(Utils, SystemFiguresMatchProcMeminfo) {
+  // This host's /proc/meminfo: no ION or GPU figures here, their entries left alone; up to 50
+  // lines read, one more than a shorter file has.
   std::ifstream meminfo("/proc/meminfo");
   std::string first, line;
   std::getline(meminfo, first);
@@ -134,7 +128,7 @@ TEST(Utils, SystemFiguresMatchProcMeminfo) {
   while (std::getline(meminfo, line)) ++lines;
   Utils* u = Utils::getInstance();
   _mem_info out[8];
-  for (_mem_info& e : out) e = {"-", 7, "-"};
+  for (_mem_info& m : out) m = {"-", 7, "-"};
   const auto records = LogsOf([&] { u->getMemInfo(out); });
   const int count = std::min(50, lines + 1);
   EXPECT_EQ(u->mem_count, count);
@@ -146,7 +140,7 @@ TEST(Utils, SystemFiguresMatchProcMeminfo) {
                                "-", "-", "-"};
   for (int k = 0; k < 8; ++k) EXPECT_EQ(out[k].name, keys[k]);
 
-  const auto report = LogsOf([u] { u->printfMemInfo(); });
+  const auto report = LogsOf([u] { u->printfMemInfo(); });  // start, five keys, end
   ASSERT_EQ(report.size(), 7u);
   EXPECT_TRUE(IsLine(report[0], "printfMemInfo", "\\*\\*\\* current memory info start \\*\\*\\*"));
   for (int k = 0; k < 5; ++k)

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <random>
+#include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -25,9 +25,8 @@ namespace {
 
 using Image = std::vector<uint8_t>;
 using Floats = std::vector<float>;
-using Pair = std::pair<int, float>;
 constexpr int kLen = 64;
-const float kNan = std::numeric_limits<float>::quiet_NaN();
+const float kNan = NAN;
 
 uint32_t Bits(float f) {
   uint32_t b;
@@ -45,10 +44,8 @@ TEST(ElementWise, ArctanPolynomialMagnitudeInFloatAndOverlap) {
     float y = c.y, x = c.x, out = -1;
     calcArctan(&y, &x, &out, 1);
     EXPECT_EQ(Bits(out), Bits(c.degrees)) << c.y << ", " << c.x;
-    EXPECT_EQ(Bits(Arctan_(c.y, c.x)), Bits(c.degrees));
   }
-  // Magnitude in single precision (the squares overflow); an output overlapping its input by
-  // part of an array sees the values already written, as element by element.
+  // Magnitude in float (squares overflow); an overlapping output sees values already written.
   float a = 3, out = 7;
   calcExp(&a, &out, 1);
   EXPECT_EQ(out, expf(3.0f));
@@ -142,8 +139,7 @@ TEST(Corners, SpacingQualityAndLimits) {
   for (const auto& [w, h] : {std::pair<int, int>{2, 50}, {50, 2}, {1, 1}}) {
     EXPECT_TRUE(Detect(testutil::TexturedImage(w, h, 1), w, h, 1).empty());
   }
-  // Greedy over all candidates (distance 1 keeps them all) through every grid cell; nothing at a
-  // distance of zero or less; the limit cuts the prefix (none at zero or less); appended.
+  // Greedy over all candidates through every grid cell; distance <= 0: none; limit cuts; appended.
   for (const auto& [w, h, d] : {std::tuple{97, 61, 7}, {160, 120, 15}, {33, 200, 3}}) {
     const Image img = testutil::TexturedImage(w, h, w);
     std::vector<Pointf> expected;
@@ -185,14 +181,12 @@ TEST(Descriptor, OrientationBinsAndTheOnceOnlyWrap) {
       EXPECT_EQ(std::max_element(&desc[cell * 4], &desc[cell * 4 + 4]) - &desc[cell * 4], bin);
     }
   }
-  // One sample at 0.5 degrees keeps 99.4 % in bin 0 of its cells and spills the rest into bin 1 of
-  // the cell before in memory (lost before the first); the wrap is applied once, so no bin 3.
-  // One interior pixel, dx = 115, dy = 1, at window offset (-2, -2): cells (0, 0) to (1, 1).
+  // dx = 115, dy = 1 (0.5 degrees) at offset (-2, -2): bin 0 of cells (0, 0) to (1, 1), the rest
+  // into bin 1 of the cell before in memory (lost before the first); wrapped once: no bin 3.
   const Floats desc = Describe({0, 1, 0, 0, 0, 115, 0, 0, 0}, Pointf{3, 3}, 3, 3);
   auto at = [&](int a, int b, int bin) { return desc[(a * 4 + b) * 4 + bin]; };
   const double obin = (std::atan2(1.0, 115.0) * 180.0 / M_PI - 361.0) * 4.0 / 360.0;
-  const double fo = obin - std::floor(obin);  // the share kept in bin 0, about 0.9944
-  // Cell (1, 1) is the least weighted, so neither it nor its spill is clipped.
+  const double fo = obin - std::floor(obin);  // kept in bin 0; cell (1, 1) is too light to clip
   EXPECT_NEAR(at(1, 0, 1) / at(1, 1, 0), (1.0 - fo) / fo, 1e-5);
   for (int a = 0; a < 4; ++a) {
     for (int b = 0; b < 4; ++b) {
@@ -204,28 +198,20 @@ TEST(Descriptor, OrientationBinsAndTheOnceOnlyWrap) {
   }
 }
 
-// Values in [0, 255], unmoved by a shift of the image; no samples give zeros, not NaN.
-TEST(Descriptor, ByteRangedAndTranslationInvariant) {
-  const int w = 48, h = 36, sx = 7, sy = 3;
+// Values in [0, 255], at the borders too; no samples give zeros, not NaN.
+TEST(Descriptor, ByteRangedAndZeroWithoutSamples) {
+  const int w = 48, h = 36;
   const Image bytes = testutil::TexturedImage(w, h, 11);
-  Image moved(bytes.size(), 0);
-  for (int y = 0; y + sy < h; ++y) {
-    for (int x = 0; x + sx < w; ++x) moved[(y + sy) * w + x + sx] = bytes[y * w + x];
-  }
-  const Floats img(bytes.begin(), bytes.end()), img_moved(moved.begin(), moved.end());
-  for (const Pointf& pt : {Pointf{1, 1}, Pointf{w - 1, 5}, Pointf{10, 10}, Pointf{20, 14}}) {
+  const Floats img(bytes.begin(), bytes.end());
+  for (const Pointf& pt : {Pointf{1, 1}, Pointf{w - 1, 5}, Pointf{20, 14}}) {
     const Floats desc = Describe(img, pt, w, h);
     EXPECT_GT(*std::max_element(desc.begin(), desc.end()), 0.0f) << pt.x << "," << pt.y;
     for (float v : desc) ASSERT_TRUE(v >= 0.0f && v <= 255.0f) << pt.x << "," << pt.y;
-    if (pt.x % 10 == 0) {
-      EXPECT_EQ(desc, Describe(img_moved, Pointf{pt.x + sx, pt.y + sy}, w, h));
-    }
   }
   EXPECT_EQ(Describe(img, Pointf{-50, -50}, w, h), Floats(kLen, 0.0f));
 }
 
-// The entries and genDescripter reproduce calcDescriptor bit for bit: corners at each entry's
-// distance appended to keypoints already there, input untouched; keypoints past the borders.
+// Entries and genDescripter equal calcDescriptor: corners at each distance appended, input kept.
 TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
   const auto expect_described = [](Image bytes, const std::vector<Pointf>& keypoints,
                                    const std::vector<float*>& got, int w, int h) {
@@ -259,6 +245,7 @@ TEST(Descriptor, BatchPathsEqualCalcDescriptor) {
   expect_described(img, edges, slots, w, h);
 }
 
+// Descriptor values of full mantissa, so that the order and precision of distance sums show.
 Floats Values(int count, uint32_t seed) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> u(0.0f, 255.0f);
@@ -272,9 +259,8 @@ std::vector<float*> Ptrs(Floats& values) {
   return ptrs;
 }
 
-// calDistance sums float squares in double (4096^2 and 63 ones); matches appended in order, the
-// first nearest at every panel remainder (1 of the mirror pair 1 and 3), a NaN descriptor 0 at
-// the float max; an empty set prints one line and adds nothing.
+// Float squares summed in double (4096^2 and 63 ones); the first nearest at every panel remainder
+// (1 of mirror pair 1, 3); a NaN descriptor: 0 at float max; an empty set: one line, nothing added.
 TEST(FindMatch, NearestByCalDistanceLowestIndexFirst) {
   Floats zero(kLen, 0.0f), ones(kLen, 1.0f);
   ones[0] = 4096.0f;
@@ -303,18 +289,17 @@ TEST(FindMatch, NearestByCalDistanceLowestIndexFirst) {
       EXPECT_EQ(Bits(matches[i + 1].distance), Bits(*best)) << count;
     }
     EXPECT_TRUE(count < 4 || (matches[1].index2 == 1 && matches[1].distance == 16.0f)) << count;
-    EXPECT_EQ(std::make_pair(matches[3].index2, matches[3].distance), (Pair{0, 3.4028235e38f}));
+    EXPECT_TRUE(matches[3].index2 == 0 && matches[3].distance == 3.4028235e38f) << count;
   }
   EXPECT_TRUE(disSort(Match{5, 0, 1.0f}, Match{0, 5, 2.0f}));
   EXPECT_FALSE(disSort(Match{0, 0, 2.0f}, Match{0, 0, 2.0f}));
   std::vector<float*> none;
   std::vector<Match> matches;
-  for (int empty_side = 0; empty_side < 2; ++empty_side) {
-    testing::internal::CaptureStdout();
-    findMatch(empty_side ? first : none, empty_side ? none : first, matches);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Error! Generated descriptor size can not be null. please check.\n");
-  }
+  const std::string line = "Error! Generated descriptor size can not be null. please check.\n";
+  testing::internal::CaptureStdout();
+  findMatch(first, none, matches);
+  findMatch(none, first, matches);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), line + line);
   EXPECT_TRUE(matches.empty());
 }
 
@@ -359,9 +344,8 @@ struct GradientFamily {
     std::vector<uint8_t> out;
     AppendBytes(out, gx);
     AppendBytes(out, gy);
-    for (const auto* v : {&eigen, &dilated, &angle, &first, &second, &length, &in_place}) {
+    for (const auto* v : {&eigen, &dilated, &angle, &first, &second, &length, &in_place})
       AppendBytes(out, *v);
-    }
     return out;
   }
 };
@@ -404,9 +388,8 @@ struct CornerFamily {
     for (size_t at = 0; at < n; at += w) {
       k.product_row(c.dx.data() + at, c.dy.data() + at, c.scale, xx.data() + at, xy.data() + at,
                     yy.data() + at, c.width);
-      for (float start : {0.0f, -0.0f, -INFINITY, NAN}) {
+      for (float start : {0.0f, -0.0f, -INFINITY, NAN})
         maxima.push_back(k.row_max(c.response.data() + at, c.width, start));
-      }
       const int count =
           k.peak_row(c.response.data() + at, c.dilated.data() + at, c.width, xs.data());
       peaks.push_back(count);

@@ -4,12 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <limits>
 #include <random>
 
 namespace testutil {
@@ -100,12 +98,12 @@ void ReferenceSharpen(const uint8_t* src_y, const uint8_t* src_uv, uint8_t* dst_
 
 std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
   std::mt19937 rng(seed);
-  // Raw generator output only: the standard distributions differ between libraries.
-  auto unit = [&rng] { return static_cast<double>(rng() >> 8) / 16777216.0; };  // [0, 1)
+  // [0, 1) from raw generator output: the standard distributions differ between libraries.
+  auto unit = [&rng] { return static_cast<double>(rng() >> 8) / 16777216.0; };
   const double kTau = 6.283185307179586;
   const double w = width, h = height, side = std::min(w, h);
 
-  // Smooth shading: a tilted plane and a slow wave, as light falls across a scene.
+  // Smooth shading: a tilted plane and a slow wave.
   const double tilt_x = 60 * unit() - 30, tilt_y = 60 * unit() - 30;
   const double phase_x = kTau * unit(), phase_y = kTau * unit();
   std::vector<double> v(size_t(width) * height);
@@ -116,8 +114,7 @@ std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
                                      std::cos(kTau * y / h + phase_y);
     }
   }
-  // Shapes painted over each other with sharp edges, sized by the image so that the number of
-  // corners does not depend on the resolution: rectangles give corners, ellipses none.
+  // Sharp-edged shapes sized by the image, so that the count of corners does not depend on it.
   for (int k = 0; k < 48; ++k) {
     const bool ellipse = k % 4 == 3;
     const double cx = w * unit(), cy = h * unit();
@@ -125,12 +122,8 @@ std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
     const double turn = (k % 3 == 0) ? kTau * unit() : 0.0;
     const double c = std::cos(turn), s = std::sin(turn);
     const double level = 20 + 215 * unit(), reach = std::hypot(a, b);
-    const int x0 = std::max(0, static_cast<int>(cx - reach));
-    const int x1 = std::min(width - 1, static_cast<int>(cx + reach));
-    const int y0 = std::max(0, static_cast<int>(cy - reach));
-    const int y1 = std::min(height - 1, static_cast<int>(cy + reach));
-    for (int y = y0; y <= y1; ++y) {
-      for (int x = x0; x <= x1; ++x) {
+    for (int y = std::max(0, int(cy - reach)); y <= std::min(height - 1, int(cy + reach)); ++y) {
+      for (int x = std::max(0, int(cx - reach)); x <= std::min(width - 1, int(cx + reach)); ++x) {
         const double u = (x - cx) * c + (y - cy) * s, t = -(x - cx) * s + (y - cy) * c;
         const bool inside = ellipse ? (u * u) / (a * a) + (t * t) / (b * b) <= 1.0
                                     : std::abs(u) <= a && std::abs(t) <= b;
@@ -150,8 +143,7 @@ std::vector<float> RandomFloats(size_t count, uint32_t seed, int special_in) {
   std::uniform_int_distribution<int> special(0, special_in - 1), kind(0, 6), small(-4, 4);
   std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
   std::uniform_int_distribution<int> expo(-20, 20);
-  const float inf = std::numeric_limits<float>::infinity();
-  const float specials[] = {0.0f, -0.0f, inf, -inf, std::numeric_limits<float>::quiet_NaN()};
+  const float specials[] = {0.0f, -0.0f, INFINITY, -INFINITY, NAN};
   std::vector<float> v(count);
   for (float& f : v) {
     if (special(rng) != 0) {
@@ -173,7 +165,7 @@ std::vector<float> RandomFloats(size_t count, uint32_t seed, int special_in) {
 
 TempDir::TempDir() {
   std::string pattern = (std::filesystem::temp_directory_path() / "velmora-test-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) std::abort();  // nothing sensible to test without it
+  if (mkdtemp(pattern.data()) == nullptr) abort();  // nothing sensible to test without it
   path_ = pattern;
 }
 

@@ -1,5 +1,4 @@
-// NV12/NV21 conversion and scaling, raw YUV files: each rule on hand-worked values, the odd
-// behaviours that are kept, and the vector rows against the scalar definition.
+// NV12/NV21 conversion and scaling, raw YUV files, and their vector rows.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,17 +23,16 @@ using velmora::KernelConformance;
 using Bytes = std::vector<uint8_t>;
 constexpr uint8_t kUntouched = 0xA5;
 
-// One pixel through the exported conversion: R, G, B. The pair is stored in the format's order.
-Bytes ConvertOne(bool nv12, uint8_t y, uint8_t u, uint8_t v) {
-  uint8_t pair[2] = {nv12 ? u : v, nv12 ? v : u};
+// One pixel through the NV12 conversion: R, G, B.
+Bytes ConvertOne(uint8_t y, uint8_t u, uint8_t v) {
+  uint8_t pair[2] = {u, v};
   Bytes rgb(3);
-  (nv12 ? NV12toRGBA8888 : NV21toRGBA8888)(&y, pair, &rgb[0], &rgb[1], &rgb[2], 1, 1, 0, 0);
+  NV12toRGBA8888(&y, pair, &rgb[0], &rgb[1], &rgb[2], 1, 1, 0, 0);
   return rgb;
 }
 
-TEST(YuvToRgb, SinglePrecisionRuleClampedAndTruncatedInEitherChromaOrder) {
-  // Y U V, then R G B worked by hand from R = V'*1.370705 + Y, G = (Y + U'*-0.337633) +
-  // V'*-0.698001, B = U'*1.732446 + Y with U' = U - 128, V' = V - 128.
+// Y U V, then R G B worked by hand in float, clamped and truncated (NV21's order: the next test).
+TEST(YuvToRgb, SinglePrecisionRuleClampedAndTruncated) {
   const std::pair<Bytes, Bytes> cases[] = {
       {{128, 128, 128}, {128, 128, 128}},  // grey stays grey
       {{255, 128, 255}, {255, 166, 255}},  // R 429.07 clamps to 255; G 166.35
@@ -43,13 +41,10 @@ TEST(YuvToRgb, SinglePrecisionRuleClampedAndTruncatedInEitherChromaOrder) {
       {{255, 255, 255}, {255, 123, 255}},  // G 123.47
       {{100, 130, 130}, {102, 97, 103}},   // 102.74, 97.93, 103.46: truncated, not rounded
   };
-  for (const bool nv12 : {true, false}) {
-    for (const auto& [yuv, rgb] : cases)
-      EXPECT_EQ(ConvertOne(nv12, yuv[0], yuv[1], yuv[2]), rgb) << nv12 << " " << int(yuv[0]);
-  }
+  for (const auto& [yuv, rgb] : cases) EXPECT_EQ(ConvertOne(yuv[0], yuv[1], yuv[2]), rgb);
 }
 
-// Pixel (x, row) takes the pair at (row / 2) * stride + (x & ~1); the padding stays untouched.
+// Pixel (x, row): the pair at (row / 2) * stride + (x & ~1), U first in NV12; padding untouched.
 TEST(YuvToRgb, PlanesAreStridedByWidthPlusPadding) {
   const int width = 5, height = 5, stride = 8;
   Bytes y = testutil::RandomBytes(stride * height, 1), uv = testutil::RandomBytes(stride * 3, 2);
@@ -60,7 +55,7 @@ TEST(YuvToRgb, PlanesAreStridedByWidthPlusPadding) {
     for (int i = 0; i < stride * height; ++i) {
       const uint8_t* pair = &uv[(i / stride / 2) * stride + (i % stride & ~1)];
       const Bytes want = i % stride >= width ? Bytes(3, kUntouched)
-                                             : ConvertOne(true, y[i], pair[!nv12], pair[nv12]);
+                                             : ConvertOne(y[i], pair[!nv12], pair[nv12]);
       EXPECT_EQ(Bytes({r[i], g[i], b[i]}), want) << (nv12 ? "NV12 at " : "NV21 at ") << i;
     }
   }
@@ -70,10 +65,9 @@ TEST(YuvToRgb, PlanesAreStridedByWidthPlusPadding) {
   EXPECT_EQ(out, kUntouched);
 }
 
-TEST(NV12Linear, TruncatesClampsTheFarNeighbourAndWeighsChromaAsItsLuma) {
-  // 4x2 to 8x4 (steps 0.5): odd columns and rows fall halfway (1.5 truncates to 1); the last
-  // column and rows reach past the source and take its edge. Chroma pair 1 lies at column 0.5
-  // for luma columns 2 and 3, yet takes luma column 2's weight 0: copied, not averaged to 30, 40.
+// 4x2 to 8x4: halfway values truncate, the far neighbour clamps to the edge; chroma pair 1
+// takes luma column 2's weight 0 (copied, not averaged to 30, 40).
+TEST(NV12Linear, TruncatesClampsWeighsChromaAsItsLumaAndKeepsTheShortChromaStride) {
   Bytes src = {1, 2, 3, 4, 5, 6, 7, 8, 10, 20, 50, 60}, dst(50, kUntouched), luma = dst;
   EXPECT_EQ(NV12Linear(src.data(), dst.data(), 4, 2, 8, 4), 0);
   EXPECT_EQ(NV12Linear_Y(src.data(), luma.data(), 4, 2, 8, 4), 0);
@@ -86,23 +80,20 @@ TEST(NV12Linear, TruncatesClampsTheFarNeighbourAndWeighsChromaAsItsLuma) {
   uint8_t one = kUntouched;  // no destination rows: nothing is written
   EXPECT_EQ(NV12Linear(&one, &one, 1, 1, 1, 0), 0);
   EXPECT_EQ(one, kUntouched);
-}
-
-TEST(NV12Linear, OddDestinationWidthKeepsTheShortChromaStride) {
-  // 6x4 to 3x4: a chroma row holds 3 / 2 = 1 pair, yet pairs 0 and 1 are written per row, so
-  // row 1's first pair overwrites row 0's second. Source pair (r, c) is {10r + c, 100 + 10r + c}.
-  Bytes src(6 * 4 + 12 + 2), dst(3 * 4 + 6 + 4, kUntouched);
+  // 6x4 to 3x4: chroma rows of 3 / 2 = 1 pair, two written each: row 1's first overwrites row 0's
+  // second. Source pair (r, c) is {10r + c, 100 + 10r + c}.
+  Bytes odd(6 * 4 + 12 + 2), narrow(3 * 4 + 6 + 4, kUntouched);
   for (int p = 0; p < 6; ++p) {
-    src[24 + 2 * p] = uint8_t(p / 3 * 10 + p % 3);
-    src[25 + 2 * p] = uint8_t(100 + p / 3 * 10 + p % 3);
+    odd[24 + 2 * p] = uint8_t(p / 3 * 10 + p % 3);
+    odd[25 + 2 * p] = uint8_t(100 + p / 3 * 10 + p % 3);
   }
-  NV12Linear(src.data(), dst.data(), 6, 4, 3, 4);
-  const Bytes want = {0, 100, 10, 110, 12, 112, kUntouched, kUntouched, kUntouched, kUntouched};
-  EXPECT_EQ(Bytes(dst.begin() + 12, dst.end()), want);
+  NV12Linear(odd.data(), narrow.data(), 6, 4, 3, 4);
+  want = {0, 100, 10, 110, 12, 112, kUntouched, kUntouched, kUntouched, kUntouched};
+  EXPECT_EQ(Bytes(narrow.begin() + 12, narrow.end()), want);
 }
 
+// 10x4 to 3x2: blocks of 3x2, area 6; source column 9 lies outside every block.
 TEST(NV12AvgScaling, TruncatedBoxMeansOfLumaOnlyAndBlackForEmptyBlocks) {
-  // 10x4 to 3x2: blocks of 3x2, area 6; source column 9 lies outside every block.
   Bytes src(10 * 4 + 20), dst(3 * 2 + 3, kUntouched);
   for (int i = 0; i < 40; ++i) src[i] = uint8_t(i % 10 == 9 ? 255 : i / 10 * 10 + i % 10);
   src[0] = 5;  // block (0, 0) sums to 41: 41 / 6 truncates to 6
@@ -123,8 +114,8 @@ class YuvFile : public testing::Test {
   const std::string planes_ = dir_ / "planes.yuv", whole_ = dir_ / "frame.yuv";
 };
 
-TEST_F(YuvFile, WritersWriteLumaThenChromaWithTruncatedSizesAndReadersReadThemBack) {
-  // 3x3: 9 luma and 9 / 2 = 4 chroma bytes; a whole frame is 27 / 2 = 13.
+// 3x3: 9 luma and 9 / 2 = 4 chroma bytes; a whole frame is 27 / 2 = 13.
+TEST_F(YuvFile, WritersTruncateSizesAndDoublesAndReadersReadBack) {
   for (const auto& [w, h, luma, chroma, frame] : {std::tuple{4, 2, 8, 4, 12}, {3, 3, 9, 4, 13},
                                                   {5, 1, 5, 2, 7}}) {
     SCOPED_TRACE(testing::Message() << w << "x" << h);
@@ -143,13 +134,10 @@ TEST_F(YuvFile, WritersWriteLumaThenChromaWithTruncatedSizesAndReadersReadThemBa
     bytes.resize(in.size(), kUntouched);
     EXPECT_EQ(in, bytes);
   }
-}
-
-TEST_F(YuvFile, DoublesAreTruncatedToInt32AndWrapToTheirLowByte) {
+  // Doubles are truncated to int32 (saturating) and wrap to their low byte.
   const double inf = std::numeric_limits<double>::infinity();
   std::vector<double> values = {255.9, 256.0, -1.0, 300.0, -0.5, 0.99,
                                 1e12,  -1e12, inf,  -inf,  std::nan(""), 511.0};
-  // 1e12 and +inf saturate to INT32_MAX (low byte 0xFF), -1e12 and -inf to INT32_MIN (0x00).
   const Bytes want = {255, 0, 255, 44, 0, 0, 255, 0, 255, 0, 0, 255};
   WriteYUVFile(values.data(), values.data() + 8, planes_.c_str(), 4, 2);  // 8 + 4 bytes
   writeYUVFile(whole_, values.data(), 4, 2);
@@ -157,8 +145,7 @@ TEST_F(YuvFile, DoublesAreTruncatedToInt32AndWrapToTheirLowByte) {
   EXPECT_EQ(testutil::ReadFile(whole_), want);
 }
 
-// A file that cannot be opened is logged and nothing is transferred, rather than using a null
-// stream.
+// A file that cannot be opened is logged and nothing is transferred (no null stream used).
 TEST_F(YuvFile, AFileThatCannotBeOpenedTransfersNothingAndIsLogged) {
   const std::string missing = dir_ / "no-such-dir/frame.yuv";
   Bytes luma(8, kUntouched), chroma(4, kUntouched), frame(12, kUntouched);
@@ -171,8 +158,8 @@ TEST_F(YuvFile, AFileThatCannotBeOpenedTransfersNothingAndIsLogged) {
     writeYUVFile(missing, frame.data(), 4, 2);
     writeYUVFile(missing, doubles.data(), 4, 2);
   });
-  EXPECT_TRUE(luma == Bytes(8, kUntouched) && chroma == Bytes(4, kUntouched));
-  EXPECT_EQ(frame, Bytes(12, kUntouched));
+  EXPECT_TRUE(luma == Bytes(8, kUntouched) && chroma == Bytes(4, kUntouched) &&
+              frame == Bytes(12, kUntouched));
   ASSERT_EQ(records.size(), 6u);
   for (const auto& record : records) {
     EXPECT_EQ(record.priority, 6);  // error
@@ -193,8 +180,7 @@ TEST_F(YuvFile, OnlyTheLowerCaseReaderRefusesAReadOnlyFile) {
   EXPECT_EQ(frame, stored);
 }
 
-// The conversion at every harness size in both chroma orders, the padding from the seed. The
-// buffers end flush: the last pair of an odd row reaches one byte past the width, no further.
+// Both chroma orders, padding from the seed; an odd row's last pair reads one byte past the width.
 struct YuvConvertFamily {
   static constexpr const char* kName = "YuvConvert";
   using Kernels = velmora::YuvConvertKernels;
@@ -222,9 +208,7 @@ struct YuvConvertFamily {
 };
 TEST_P(KernelConformance, YuvConvert) { ExpectMatchesScalar<YuvConvertFamily>(GetParam()); }
 
-// NV12Linear and NV12Linear_Y from each harness size to a shrunk, equal or grown one. Even
-// sources end flush (the luma-only one at the luma), so ASan sees a gather reaching past what
-// the rule reads; odd ones, which the rule itself reads past a whole frame, get some room.
+// To a shrunk, equal or grown size; even sources end flush, odd ones (read past by the rule) not.
 struct Nv12LinearFamily {
   static constexpr const char* kName = "NV12Linear";
   using Kernels = velmora::YuvScaleKernels;
