@@ -96,11 +96,9 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   auto colours = [](const std::vector<uint8_t>& frame, ChromaOrder order) {
     return FrameToRgb(frame.data(), {64, 48}, order);
   };
-  std::vector<ToolRun> runs = {
+  const std::vector<ToolRun> runs = {
       {"longexp even.mkv -o out.yuv", mean({0, 1, 2, 3, 4, 5, 6, 7, 8, 9})},
       {"longexp odd.mkv -o out.yuv", mean({0, 1, 2, 3, 4, 5, 6, 7, 8, 9})},
-      {"longexp even.mkv --start 7 -o out.yuv", mean({7, 8, 9})},
-      {"longexp even.mkv --every 4 -o out.yuv", mean({0, 4, 8})},
       {"longexp even.mkv --start 1 --every 3 --frames 2 -o out.yuv", mean({1, 4})},
       {"longexp even.mkv odd.mkv --start 8 --frames 4 -o out.yuv", mean({8, 9, 0, 1})},
       {"longexp --size 64x48 raw.yuv --start 2 --every 3 -o out.yuv", mean({2, 5, 8})},
@@ -151,7 +149,6 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
        "no frames selected: the inputs end before the first one"},
       {"longexp --size 64x48 f0.yuv --start 1 -o keep.jpg", {},
        "the inputs hold 1 frame and --start 1"},
-      {"longexp --size 64x48 f0.yuv -o ./f0.yuv", {}, "./f0.yuv: is also an input"},
       {"longexp --size 64x48 f0.yuv -o same.nv12", {}, "same.nv12: is also an input"},  // a link
       {"longexp even.mkv --every 0 -o keep.jpg", {}, "--every '0': expected a whole number from 1"},
       {"longexp even.mkv --frames x -o keep.jpg", {}, "--frames 'x': expected a whole number"},
@@ -159,60 +156,39 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       {"longexp even.mkv --quality 101 -o keep.jpg", {},
        "--quality '101': expected a whole number from 1 to 100"},
   };
-  if (geteuid() != 0) {  // permissions do not bind root
-    WriteFile(dir / "locked.yuv", packed[1]);
-    fs::permissions(dir / "locked.yuv", fs::perms::none);
-    runs.push_back({"longexp --size 64x48 f0.yuv locked.yuv -o out.png", {},
-                    "velmora: error: locked.yuv: Permission denied\n"});  // before any work
-  }
   for (const ToolRun& run : runs) ExpectRun(dir, run);
   EXPECT_TRUE(ReadFile(dir / "keep.jpg") == (std::vector<uint8_t>{'o', 'l', 'd'}));
   EXPECT_TRUE(ReadFile(dir / "same.nv12") == packed[0]);
 }
 
-TEST(VelmoraFootage, AlignRegistersRawVideoAndPicturesAlike) {
-  // Three views of one textured scene, the camera off by a few even pixels each time: against
-  // the first, the second sees (4, 4) further right and down, the third (4, 2) further left and
-  // up. What all three see is x 4..1276, y 2..716 of the first. (Smaller scenes hold too few
+// A burst whose shifts are known: the crop is what all frames see, give or take an edge pixel
+// lost by the estimates, at even coordinates. Raw frames only: the aligner sees every input alike.
+TEST(VelmoraFootage, AlignCropsToWhatEveryFrameOfAKnownShiftSees) {
+  // Against the first frame, the second sees (4, 4) further right and down, the third (4, 2)
+  // further left and up: all see x 4..1276, y 2..716 of the first. (Smaller scenes hold too few
   // corners 45 half-size pixels apart for the driver's 28 matches.)
   constexpr int kW = 1280, kH = 720;
   const std::vector<uint8_t> scene = testutil::TexturedImage(kW + 8, kH + 8, 5);
   const int offsets[3][2] = {{4, 4}, {0, 0}, {8, 6}};
   TempDir dir;
-  std::vector<std::vector<uint8_t>> frames;
   std::vector<uint8_t> raw;
-  for (int k = 0; k < 3; ++k) {
-    std::vector<uint8_t> frame(FrameBytes(kW, kH), 128), rgb;
+  for (const auto& offset : offsets) {
+    std::vector<uint8_t> frame(FrameBytes(kW, kH), 128);
     for (int i = 0; i < kW * kH; ++i)
-      frame[size_t(i)] = scene[size_t(i / kW + offsets[k][1]) * (kW + 8) + i % kW + offsets[k][0]];
-    // Grey pictures: full-range BT.601 gives the same luma and chroma 128.
-    for (int i = 0; i < kW * kH; ++i) rgb.insert(rgb.end(), 3, frame[size_t(i)]);
-    WritePicture(dir / ("f" + std::to_string(k) + ".png"), kW, kH, rgb);
+      frame[size_t(i)] = scene[size_t(i / kW + offset[1]) * (kW + 8) + i % kW + offset[0]];
     raw.insert(raw.end(), frame.begin(), frame.end());
-    frames.push_back(std::move(frame));
   }
   WriteFile(dir / "burst.yuv", raw);
-  WriteVideo(dir / "burst.mkv", frames, kW, kH);
-  RunResult first{};
-  std::vector<uint8_t> first_picture;
-  for (const char* inputs : {"--size 1280x720 burst.yuv", "burst.mkv", "f0.png f1.png f2.png"}) {
-    SCOPED_TRACE(inputs);
-    const RunResult run = RunTool("longexp --align -o out.yuv " + std::string(inputs), dir.path());
-    ASSERT_EQ(run.exit_code, 0) << run.err;
-    int width = 0, height = 0, left = -1, top = -1;
-    ASSERT_EQ(std::sscanf(run.out.c_str(),
-                          "aligned 2 frames onto the first, threw 0; cropped to %dx%d at (%d, %d)",
-                          &width, &height, &left, &top), 4) << run.out;
-    // The estimates may lose a pixel or so at an edge, and the crop keeps even coordinates.
-    EXPECT_TRUE(left >= 4 && left <= 6 && top >= 2 && top <= 4) << run.out;
-    EXPECT_TRUE(left + width >= kW - 6 && left + width <= kW - 4) << run.out;
-    EXPECT_TRUE(top + height >= kH - 6 && top + height <= kH - 4) << run.out;
-    const std::vector<uint8_t> picture = ReadFile(dir / "out.yuv");
-    EXPECT_EQ(picture.size(), FrameBytes(width, height));
-    if (first_picture.empty()) first = run, first_picture = picture;
-    EXPECT_EQ(run.out, first.out);  // the same frames, whatever carried them
-    EXPECT_TRUE(picture == first_picture);
-  }
+  const RunResult run = RunTool("longexp --align -o out.yuv --size 1280x720 burst.yuv", dir.path());
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  int width = 0, height = 0, left = -1, top = -1;
+  ASSERT_EQ(std::sscanf(run.out.c_str(),
+                        "aligned 2 frames onto the first, threw 0; cropped to %dx%d at (%d, %d)",
+                        &width, &height, &left, &top), 4) << run.out;
+  EXPECT_TRUE(left >= 4 && left <= 6 && top >= 2 && top <= 4) << run.out;
+  EXPECT_TRUE(left + width >= kW - 6 && left + width <= kW - 4) << run.out;
+  EXPECT_TRUE(top + height >= kH - 6 && top + height <= kH - 4) << run.out;
+  EXPECT_EQ(ReadFile(dir / "out.yuv").size(), FrameBytes(width, height));
 }
 
 TEST(VelmoraFootage, FirstSignalKeepsTheFramesFoldedSecondAbortsWithoutOutput) {

@@ -1,11 +1,7 @@
 // The velmora tool's surface as a user meets it: JPEG output, convert both ways, help and
 // errors, the progress line and the demo.
-#include <pty.h>
-
 #include "bt601.h"
 #include "cli_harness.h"
-#include "convert.h"
-#include "image_writer.h"
 
 namespace {
 
@@ -32,14 +28,12 @@ TEST(VelmoraLongexp, JpegOutputCarriesTheFramePlanesAtTheChosenQuality) {
                                 &colorspace), 0);
   EXPECT_EQ(std::vector<int>({width, height, subsampling, colorspace}),
             std::vector<int>({32, 16, TJSAMP_420, TJCS_YCbCr}));
-  std::vector<uint8_t> planes(FrameBytes(32, 16));
-  unsigned char* plane[3] = {&planes[0], &planes[32 * 16], &planes[32 * 16 * 5 / 4]};
-  int strides[3] = {32, 16, 16};
-  ASSERT_EQ(tjDecompressToYUVPlanes(tj, jpeg.data(), jpeg.size(), plane, 32, strides, 16, 0), 0);
+  std::vector<uint8_t> planes(FrameBytes(32, 16));  // Y, then U, then V
+  ASSERT_EQ(tjDecompressToYUV2(tj, jpeg.data(), jpeg.size(), planes.data(), 32, 1, 16, 0), 0);
   tjDestroy(tj);
-  EXPECT_NEAR(plane[0][0], 76, 1);
-  EXPECT_NEAR(plane[1][0], 85, 1);
-  EXPECT_NEAR(plane[2][0], 255, 1);
+  EXPECT_NEAR(planes[0], 76, 1);
+  EXPECT_NEAR(planes[32 * 16], 85, 1);
+  EXPECT_NEAR(planes[32 * 16 * 5 / 4], 255, 1);
   EXPECT_LT(ReadFile(dir / "low.jpg").size(), ReadFile(dir / "high.JPEG").size() * 3 / 4);
 }
 
@@ -62,11 +56,10 @@ TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
   WriteFile(dir / "keep.png", {'o', 'l', 'd'});
   // The raw frames as PNGs, maybe resampled to 8x6; the images as frames, maybe to 2x2.
   auto pngs = [&](ChromaOrder order, bool scaled) {
+    const FrameGeometry size = scaled ? FrameGeometry{8, 6} : FrameGeometry{16, 8};
     std::vector<uint8_t> all;
-    for (size_t n = 0; n < 3; ++n) {
-      std::vector<uint8_t> frame(raw.begin() + long(FrameBytes(16, 8) * n),
-                                 raw.begin() + long(FrameBytes(16, 8) * (n + 1)));
-      const FrameGeometry size = scaled ? FrameGeometry{8, 6} : FrameGeometry{16, 8};
+    for (auto at = raw.begin(); at != raw.end(); at += long(FrameBytes(16, 8))) {
+      std::vector<uint8_t> frame(at, at + long(FrameBytes(16, 8)));
       if (scaled) frame = velmora::tool::ScaleFrame(frame, {16, 8}, size);
       const std::vector<uint8_t> rgb = velmora::tool::FrameToRgb(frame.data(), size, order);
       all.insert(all.end(), rgb.begin(), rgb.end());
@@ -126,17 +119,9 @@ TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
 TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
   TempDir dir;
   WriteFile(dir / "burst.yuv", testutil::RandomBytes(FrameBytes(32, 16) * 4, 3));
-  const std::vector<std::string> command =
-      ToolCommand("longexp --size 32x16 burst.yuv -o out.yuv");
-  int terminal = -1;
-  const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
-  ASSERT_GE(pid, 0);
-  if (pid == 0) Exec(command, dir.path());
-  std::string shown;
-  char buffer[256];
-  for (ssize_t n; (n = read(terminal, buffer, sizeof buffer)) > 0;) shown.append(buffer, size_t(n));
-  close(terminal);
-  EXPECT_EQ(ExitCode(pid), 0);
+  const RunResult run = RunTool("longexp --size 32x16 burst.yuv -o out.yuv", dir.path(), {}, true);
+  const std::string& shown = run.err;
+  EXPECT_EQ(run.exit_code, 0);
   // Rewritten in place with carriage returns (each clearing what a longer line left), ended by
   // a newline once all frames are in; the speed and the time left once there is a speed.
   EXPECT_EQ(shown.rfind("\rvelmora: folded 0/4 frames\033[K", 0), 0u) << shown;
@@ -148,14 +133,12 @@ TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
 TEST(VelmoraDemo, WritesA1280x720PngAndSaysWhere) {
   TempDir dir;
   const RunResult run = RunTool("demo", dir.path());
-  std::string error;
   ASSERT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(run.out.rfind("wrote ", 0), 0u) << run.out;
-  EXPECT_EQ(run.out.find('\n'), run.out.size() - 1) << run.out;  // one line
-  EXPECT_NE(run.out.find("/velmora-demo.png\n"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out, "wrote " + fs::canonical(dir / "velmora-demo.png").string() + "\n");
   EXPECT_EQ(run.err, "");
   EXPECT_EQ(dir.List(), std::vector<std::string>{"velmora-demo.png"});
   velmora::tool::RgbImage png;
+  std::string error;
   ASSERT_TRUE(velmora::tool::ReadPngFile(dir / "velmora-demo.png", &png, &error)) << error;
   EXPECT_EQ(std::make_pair(png.width, png.height), std::make_pair(1280u, 720u));
 }
