@@ -33,15 +33,6 @@ using testutil::ReadFile;
 using testutil::TempDir;
 using testutil::WriteFile;
 
-// A command line written as one string (no argument holds the separator).
-inline std::vector<std::string> Words(const std::string& text, char separator = ' ') {
-  std::istringstream in(text);
-  std::vector<std::string> words;
-  for (std::string word; std::getline(in, word, separator);)
-    if (!word.empty()) words.push_back(word);
-  return words;
-}
-
 struct RunResult {
   int exit_code;  // 128 + the signal that ended the tool, so that a crash shows as a failure
   std::string out, err;
@@ -57,10 +48,12 @@ inline RunResult RunTool(const std::string& args, const std::string& cwd,
     setenv("LSAN_OPTIONS", (std::string(lsan) + ":print_suppressions=0").c_str(), 1);
   std::vector<std::string> command;
 #ifdef VELMORA_TOOL_LAUNCHER
-  command = Words(VELMORA_TOOL_LAUNCHER, '|');  // the emulator's words
+  std::istringstream launcher(VELMORA_TOOL_LAUNCHER);  // the emulator's words, '|' between them
+  for (std::string word; std::getline(launcher, word, '|');) command.push_back(word);
 #endif
   command.push_back(VELMORA_TOOL_PATH);
-  for (const std::string& word : Words(args)) command.push_back(word);
+  std::istringstream words(args);  // no argument holds a space
+  for (std::string word; words >> word;) command.push_back(word);
   std::vector<char*> argv;
   for (std::string& word : command) argv.push_back(word.data());
   argv.push_back(nullptr);
@@ -119,8 +112,8 @@ inline void WritePicture(const std::string& path, int width, int height,
 
 // One command line and what it must give. With error: exit 2, nothing on standard output and
 // one line "velmora: error: ..." holding it. Else: exit 0, standard error empty, standard output
-// empty or holding shows, and the output named last (numbered ones in turn; a PNG as its RGB)
-// within tolerance of want. Either way the directory is left as it was: outputs are removed.
+// empty or holding shows, and the output named last (numbered ones in turn; a PNG as its RGB, a
+// JPEG as its planes) within tolerance of want, then removed: the directory is left as it was.
 struct ToolRun {
   std::string args;
   std::vector<uint8_t> want = {};
@@ -153,10 +146,20 @@ inline void ExpectRun(const TempDir& dir, const ToolRun& run) {
     char name[256];
     std::snprintf(name, sizeof name, pattern.c_str(), n);
     if (!fs::exists(dir / name)) break;
+    std::vector<uint8_t> bytes = ReadFile(dir / name);
     velmora::tool::RgbImage png;  // libpng's decoding
     std::string why;
-    const std::vector<uint8_t> bytes =
-        velmora::tool::ReadPngFile(dir / name, &png, &why) ? png.rgb : ReadFile(dir / name);
+    if (velmora::tool::ReadPngFile(dir / name, &png, &why)) bytes = png.rgb;
+    tjhandle tj = tjInitDecompress();  // libjpeg's Y, U and V planes, as they lie in the file
+    int width = 0, height = 0, subsampling = -1, colours = -1;
+    if (tjDecompressHeader3(tj, bytes.data(), bytes.size(), &width, &height, &subsampling,
+                            &colours) == 0) {
+      std::vector<uint8_t> planes(tjBufSizeYUV2(width, 1, height, subsampling));
+      EXPECT_EQ(tjDecompressToYUV2(tj, bytes.data(), bytes.size(), planes.data(), width, 1,
+                                   height, 0), 0);
+      bytes = planes;
+    }
+    tjDestroy(tj);
     got.insert(got.end(), bytes.begin(), bytes.end());
     fs::remove(dir / name);
   }
@@ -166,11 +169,11 @@ inline void ExpectRun(const TempDir& dir, const ToolRun& run) {
   EXPECT_EQ(dir.List(), before);
 }
 
-// NV12 frames (the even part of a width x height picture) as a lossless FFV1 video in Matroska,
-// so that decoding must give them back exactly, tagged with the given colours. An odd last
-// column or row is filled with 0.
-inline void WriteVideo(const std::string& path, const std::vector<std::vector<uint8_t>>& frames,
-                       int width, int height, AVColorRange range = AVCOL_RANGE_JPEG,
+// NV12 frames one after another (each the even part of a width x height picture) as a lossless
+// FFV1 video in Matroska, so that decoding must give them back exactly, tagged with the given
+// colours. An odd last column or row is filled with 0.
+inline void WriteVideo(const std::string& path, const std::vector<uint8_t>& frames, int width,
+                       int height, AVColorRange range = AVCOL_RANGE_JPEG,
                        AVColorSpace space = AVCOL_SPC_BT470BG) {
   AVFormatContext* format = nullptr;
   ASSERT_GE(avformat_alloc_output_context2(&format, nullptr, "matroska", path.c_str()), 0);
@@ -188,16 +191,16 @@ inline void WriteVideo(const std::string& path, const std::vector<std::vector<ui
   ASSERT_GE(avformat_write_header(format, nullptr), 0);
   AVPacket* packet = av_packet_alloc();
   const int w = width & ~1, h = height & ~1;
-  for (size_t n = 0; n <= frames.size(); ++n) {
+  for (size_t n = 0; n <= frames.size() / FrameBytes(w, h); ++n) {
     AVFrame* frame = nullptr;  // none after the last: flushes the encoder
-    if (n < frames.size()) {
+    if (n < frames.size() / FrameBytes(w, h)) {
       frame = av_frame_alloc();
       frame->format = encoder->pix_fmt;
       frame->width = width;
       frame->height = height;
       frame->pts = int64_t(n);
       ASSERT_GE(av_frame_get_buffer(frame, 0), 0);
-      const uint8_t* nv12 = frames[n].data();
+      const uint8_t* nv12 = &frames[n * FrameBytes(w, h)];
       for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
           const bool in = x < w && y < h;

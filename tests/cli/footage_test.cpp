@@ -10,7 +10,6 @@
 
 #include "bt601.h"
 #include "cli_harness.h"
-#include "image_writer.h"
 
 namespace {
 
@@ -37,18 +36,17 @@ std::vector<Frame> RandomFrames(int count, uint32_t seed, std::vector<uint8_t>* 
 }
 
 // Every kind of input: the selected frames of raw files and videos folded exactly as the
-// independent mean has them, videos and pictures in full-range BT.601, and every fault in the
-// inputs or options told in one line.
+// independent mean has them, videos and pictures in full-range BT.601, every fault in the inputs
+// or options told in one line, and JPEG output in its planes, smaller at a lower quality.
 TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   TempDir dir;
   std::vector<uint8_t> raw;
   const std::vector<Frame> frames = RandomFrames(10, 11, &raw);
-  std::vector<std::vector<uint8_t>> packed;
-  for (const Frame& frame : frames) packed.push_back(testutil::Packed(frame));
-  WriteVideo(dir / "even.mkv", packed, 64, 48);
-  WriteVideo(dir / "odd.mkv", packed, 65, 49);  // cropped back to 64x48
+  WriteVideo(dir / "even.mkv", raw, 64, 48);
+  WriteVideo(dir / "odd.mkv", raw, 65, 49);  // cropped back to 64x48
   WriteFile(dir / "raw.yuv", raw);
-  WriteFile(dir / "f0.yuv", packed[0]);
+  const std::vector<uint8_t> f0(raw.begin(), raw.begin() + long(FrameBytes(64, 48)));
+  WriteFile(dir / "f0.yuv", f0);
   ASSERT_EQ(link((dir / "f0.yuv").c_str(), (dir / "same.nv12").c_str()), 0);
   // Flat frames: videos tagged with their colours, and pictures of R 200, G 100, B 50.
   auto flat = [](int width, int height, std::vector<uint8_t> yuv) {
@@ -59,10 +57,10 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   };
   // 40 wide: the range expansion runs 16 bytes a step, then the rest of each row one by one.
   const std::vector<uint8_t> mid = flat(40, 8, {126, 100, 200});
-  WriteVideo(dir / "601.mkv", {mid}, 40, 8, AVCOL_RANGE_MPEG);
-  WriteVideo(dir / "709.mkv", {mid}, 40, 8, AVCOL_RANGE_MPEG, AVCOL_SPC_BT709);
-  WriteVideo(dir / "full.mkv", {mid}, 40, 8);
-  WriteVideo(dir / "red.mkv", {flat(40, 8, {63, 102, 240})}, 40, 8, AVCOL_RANGE_MPEG,
+  WriteVideo(dir / "601.mkv", mid, 40, 8, AVCOL_RANGE_MPEG);
+  WriteVideo(dir / "709.mkv", mid, 40, 8, AVCOL_RANGE_MPEG, AVCOL_SPC_BT709);
+  WriteVideo(dir / "full.mkv", mid, 40, 8);
+  WriteVideo(dir / "red.mkv", flat(40, 8, {63, 102, 240}), 40, 8, AVCOL_RANGE_MPEG,
              AVCOL_SPC_BT709);
   std::vector<uint8_t> rgb;
   for (int i = 0; i < 33 * 17; ++i) rgb.insert(rgb.end(), {200, 100, 50});
@@ -71,6 +69,10 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   WritePicture(dir / "deep.png", 32, 16, rgb, true);
   WritePicture(dir / "photo.jpg", 32, 16, rgb, false, true);
   const std::vector<uint8_t> picture = flat(32, 16, {124, 86, 182});  // 124.2 86.13 182.07
+  WriteFile(dir / "red.yuv", flat(32, 16, {76, 255, 85}));              // as NV21
+  std::vector<uint8_t> red_planes(FrameBytes(32, 16), 76);              // Y, then U, then V
+  std::fill(red_planes.begin() + 32 * 16, red_planes.end(), 85);
+  std::fill(red_planes.begin() + 32 * 16 * 5 / 4, red_planes.end(), 255);
   // Broken inputs, and a file in the way of an output.
   WriteFile(dir / "short.yuv", std::vector<uint8_t>(1000, 1));
   WriteFile(dir / "empty.yuv", {});
@@ -122,6 +124,8 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       {"longexp deep.png -o out.yuv", picture},
       {"longexp photo.jpg -o out.yuv", picture, "", 1},
       {"longexp odd8.png deep.png photo.jpg -o out.yuv", picture, "", 1},
+      // A JPEG holds the frame's planes unconverted, 4:2:0: a flat frame keeps its Y, U and V.
+      {"longexp --size 32x16 --format nv21 red.yuv -o out.jpg", red_planes, "", 1},
       // Each reason of a refused size is ParseSize's own test; here, that it reaches the user.
       {"longexp --size 63x48 f0.yuv -o out.png", {}, "'63x48': width and height must be even"},
       {"longexp --size 64x48 missing.yuv -o out.png", {}, "missing.yuv: No such file"},
@@ -158,7 +162,10 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   };
   for (const ToolRun& run : runs) ExpectRun(dir, run);
   EXPECT_TRUE(ReadFile(dir / "keep.jpg") == (std::vector<uint8_t>{'o', 'l', 'd'}));
-  EXPECT_TRUE(ReadFile(dir / "same.nv12") == packed[0]);
+  EXPECT_TRUE(ReadFile(dir / "same.nv12") == f0);
+  for (const char* args : {"raw.yuv -o high.JPEG", "raw.yuv -o low.jpg --quality 10"})
+    EXPECT_EQ(RunTool("longexp --size 64x48 " + std::string(args), dir.path()).exit_code, 0);
+  EXPECT_LT(ReadFile(dir / "low.jpg").size(), ReadFile(dir / "high.JPEG").size() * 3 / 4);
 }
 
 // A burst whose shifts are known: the crop is what all frames see, give or take an edge pixel
@@ -195,12 +202,13 @@ TEST(VelmoraFootage, FirstSignalKeepsTheFramesFoldedSecondAbortsWithoutOutput) {
   TempDir dir;
   std::vector<uint8_t> raw;
   const std::vector<Frame> frames = RandomFrames(3, 23, &raw);
+  const std::vector<uint8_t> old = {'o', 'l', 'd'};
+  // A pipe that never ends: the tool reads the frames, waits for more, and gets the signals (or,
+  // should it not read them, a kill).
+  ASSERT_EQ(mkfifo((dir / "slow.yuv").c_str(), 0600), 0);
   for (const std::vector<int>& signals : {std::vector<int>{SIGINT}, {SIGTERM}, {SIGINT, SIGTERM}}) {
     SCOPED_TRACE(signals.size());
-    WriteFile(dir / "out.yuv", {'o', 'l', 'd'});
-    ASSERT_EQ(mkfifo((dir / "slow.yuv").c_str(), 0600), 0);
-    // A pipe that never ends: the tool reads the frames, waits for more, and gets the signals
-    // (or, should it not read them, a kill).
+    WriteFile(dir / "out.yuv", old);
     int fifo = -1;
     const RunResult run =
         RunTool("longexp --size 64x48 slow.yuv -o out.yuv", dir.path(), [&](pid_t pid) {
@@ -214,17 +222,12 @@ TEST(VelmoraFootage, FirstSignalKeepsTheFramesFoldedSecondAbortsWithoutOutput) {
           for (int signal : unread == 0 ? signals : std::vector<int>{SIGKILL}) kill(pid, signal);
         });
     close(fifo);
-    if (signals.size() == 1) {
-      EXPECT_EQ(run.exit_code, 128 + signals[0]) << run.err;
-      EXPECT_NE(run.err.find("wrote out.yuv from the 3 frames folded so far"), std::string::npos)
-          << run.err;
-      EXPECT_TRUE(ReadFile(dir / "out.yuv") == Expected(frames, {0, 1, 2}));
-    } else {
-      EXPECT_GT(run.exit_code, 128) << run.err;
-      EXPECT_TRUE(ReadFile(dir / "out.yuv") == (std::vector<uint8_t>{'o', 'l', 'd'}));
-    }
-    fs::remove(dir / "slow.yuv");
-    EXPECT_EQ(dir.List(), std::vector<std::string>{"out.yuv"});  // no temporary left behind
+    const bool kept = signals.size() == 1;
+    EXPECT_TRUE(kept ? run.exit_code == 128 + signals[0] : run.exit_code > 128) << run.exit_code;
+    EXPECT_EQ(run.err.find("wrote out.yuv from the 3 frames folded so far") != std::string::npos,
+              kept) << run.err;
+    EXPECT_TRUE(ReadFile(dir / "out.yuv") == (kept ? Expected(frames, {0, 1, 2}) : old));
+    EXPECT_EQ(dir.List(), (std::vector<std::string>{"out.yuv", "slow.yuv"}));  // no temporary
   }
 }
 

@@ -1,5 +1,5 @@
-// The velmora tool's surface as a user meets it: JPEG output, convert both ways, help and
-// errors, the progress line and the demo.
+// The velmora tool's surface as a user meets it: convert both ways, help and errors, the
+// progress line and the demo.
 #include "bt601.h"
 #include "cli_harness.h"
 
@@ -8,34 +8,6 @@ namespace {
 using namespace clitest;  // NOLINT: the harness is this file's vocabulary
 using velmora::tool::ChromaOrder;
 using velmora::tool::FrameGeometry;
-
-TEST(VelmoraLongexp, JpegOutputCarriesTheFramePlanesAtTheChosenQuality) {
-  TempDir dir;
-  std::vector<uint8_t> red(FrameBytes(32, 16), 76);  // Y 76, U 85, V 255, given as NV21
-  for (size_t i = 32 * 16; i < red.size(); i += 2) red[i] = 255, red[i + 1] = 85;
-  WriteFile(dir / "red.yuv", red);
-  WriteFile(dir / "noise.yuv", testutil::RandomBytes(FrameBytes(32, 16), 5));
-  for (const char* args : {"--format nv21 red.yuv -o red.jpg", "noise.yuv -o high.JPEG",
-                           "noise.yuv -o low.jpg --quality 10"}) {
-    const RunResult run = RunTool("longexp --size 32x16 " + std::string(args), dir.path());
-    ASSERT_EQ(run.exit_code, 0) << args << ": " << run.err;
-  }
-  // The planes go in unconverted, 4:2:0: a flat frame comes back with its own Y, U and V.
-  const std::vector<uint8_t> jpeg = ReadFile(dir / "red.jpg");
-  tjhandle tj = tjInitDecompress();
-  int width = 0, height = 0, subsampling = -1, colorspace = -1;
-  ASSERT_EQ(tjDecompressHeader3(tj, jpeg.data(), jpeg.size(), &width, &height, &subsampling,
-                                &colorspace), 0);
-  EXPECT_EQ(std::vector<int>({width, height, subsampling, colorspace}),
-            std::vector<int>({32, 16, TJSAMP_420, TJCS_YCbCr}));
-  std::vector<uint8_t> planes(FrameBytes(32, 16));  // Y, then U, then V
-  ASSERT_EQ(tjDecompressToYUV2(tj, jpeg.data(), jpeg.size(), planes.data(), 32, 1, 16, 0), 0);
-  tjDestroy(tj);
-  EXPECT_NEAR(planes[0], 76, 1);
-  EXPECT_NEAR(planes[32 * 16], 85, 1);
-  EXPECT_NEAR(planes[32 * 16 * 5 / 4], 255, 1);
-  EXPECT_LT(ReadFile(dir / "low.jpg").size(), ReadFile(dir / "high.JPEG").size() * 3 / 4);
-}
 
 // convert both ways, with the tool's own conversions (pinned in tool_parts_test) as the
 // expectation; help; and every fault told in one line.
