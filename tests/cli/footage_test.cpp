@@ -5,9 +5,6 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
-#include <chrono>
-#include <thread>
-
 #include "bt601.h"
 #include "cli_harness.h"
 
@@ -95,9 +92,6 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       std::swap(folded[i], folded[i + 1]);
     return folded;
   };
-  auto colours = [](const std::vector<uint8_t>& frame, ChromaOrder order) {
-    return FrameToRgb(frame.data(), {64, 48}, order);
-  };
   const std::vector<ToolRun> runs = {
       {"longexp even.mkv -o out.yuv", mean({0, 1, 2, 3, 4, 5, 6, 7, 8, 9})},
       {"longexp odd.mkv -o out.yuv", mean({0, 1, 2, 3, 4, 5, 6, 7, 8, 9})},
@@ -112,9 +106,9 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.nv21", mean({0, 1})},
       {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.yuv", mean({0, 1})},
       {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.png",
-       colours(mean({0, 1}), ChromaOrder::kNv21)},
+       FrameToRgb(mean({0, 1}).data(), {64, 48}, ChromaOrder::kNv21)},
       {"longexp even.mkv --frames 2 --isa scalar --verbose -o out.png",
-       colours(mean({0, 1}), ChromaOrder::kNv12), "", 0, "Algorithm [INFO]"},
+       FrameToRgb(mean({0, 1}).data(), {64, 48}, ChromaOrder::kNv12), "", 0, "Algorithm [INFO]"},
       // Colours worked by hand through RGB; JPEG's quantisation may move a flat one by one.
       {"longexp 601.mkv -o out.yuv", flat(40, 8, {128, 96, 210})},  // 128.08 96.13 209.96
       {"longexp 709.mkv -o out.yuv", flat(40, 8, {141, 87, 211})},  // 140.92 87.38 210.91
@@ -168,12 +162,11 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   EXPECT_LT(ReadFile(dir / "low.jpg").size(), ReadFile(dir / "high.JPEG").size() * 3 / 4);
 }
 
-// A burst whose shifts are known: the crop is what all frames see, give or take an edge pixel
-// lost by the estimates, at even coordinates. Raw frames only: the aligner sees every input alike.
+// Against the first frame, the second sees (4, 4) further right and down, the third (4, 2)
+// further left and up: the crop is x 4..1276, y 2..716, give or take a pixel the estimates lose
+// at an edge, at even coordinates. Raw frames only: the aligner sees every kind of input alike.
+// (Smaller scenes hold too few corners 45 half-size pixels apart for the driver's 28 matches.)
 TEST(VelmoraFootage, AlignCropsToWhatEveryFrameOfAKnownShiftSees) {
-  // Against the first frame, the second sees (4, 4) further right and down, the third (4, 2)
-  // further left and up: all see x 4..1276, y 2..716 of the first. (Smaller scenes hold too few
-  // corners 45 half-size pixels apart for the driver's 28 matches.)
   constexpr int kW = 1280, kH = 720;
   const std::vector<uint8_t> scene = testutil::TexturedImage(kW + 8, kH + 8, 5);
   const int offsets[3][2] = {{4, 4}, {0, 0}, {8, 6}};
@@ -216,7 +209,7 @@ TEST(VelmoraFootage, FirstSignalKeepsTheFramesFoldedSecondAbortsWithoutOutput) {
           int unread = write(fifo, raw.data(), raw.size()) == ssize_t(raw.size()) ? 1 : -1;
           for (int tries = 0; tries < 2000 && unread > 0; ++tries) {
             if (ioctl(fifo, FIONREAD, &unread) != 0) unread = -1;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            usleep(5000);
           }
           EXPECT_EQ(unread, 0);
           for (int signal : unread == 0 ? signals : std::vector<int>{SIGKILL}) kill(pid, signal);

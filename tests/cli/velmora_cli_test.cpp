@@ -12,16 +12,16 @@ using velmora::tool::FrameGeometry;
 // convert both ways, with the tool's own conversions (pinned in tool_parts_test) as the
 // expectation; help; and every fault told in one line.
 TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
-  using velmora::tool::RgbImage;
   TempDir dir;
   const std::vector<uint8_t> raw = testutil::RandomBytes(FrameBytes(16, 8) * 3, 17);
   WriteFile(dir / "two.yuv", {raw.begin(), raw.begin() + FrameBytes(16, 8) * 2});
   WriteFile(dir / "one.yuv", {raw.begin() + FrameBytes(16, 8) * 2, raw.end()});
-  std::vector<RgbImage> images = {{4, 2, {}}, {4, 2, {}}, {8, 4, {}}};
+  const FrameGeometry sizes[3] = {{4, 2}, {4, 2}, {8, 4}};
+  std::vector<std::vector<uint8_t>> images;  // their RGB
   for (uint32_t i = 0; i < 3; ++i) {
-    images[i].rgb = testutil::RandomBytes(size_t(images[i].width) * images[i].height * 3, 23 + i);
-    WritePicture(dir / ("i" + std::to_string(i) + ".png"), int(images[i].width),
-                 int(images[i].height), images[i].rgb);
+    images.push_back(testutil::RandomBytes(sizes[i].lumaBytes() * 3, 23 + i));
+    WritePicture(dir / ("i" + std::to_string(i) + ".png"), sizes[i].width, sizes[i].height,
+                 images.back());
   }
   WritePicture(dir / "wide.png", 6, 2, std::vector<uint8_t>(36, 9));
   WritePicture(dir / "odd.png", 3, 2, std::vector<uint8_t>(18, 9));
@@ -41,11 +41,9 @@ TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
   auto frames = [&](ChromaOrder order, size_t first, bool scaled) {
     std::vector<uint8_t> all;
     for (size_t i = first; i < first + 2; ++i) {
-      const FrameGeometry size{images[i].width, images[i].height};
-      std::vector<uint8_t> frame(size.frameBytes());
-      velmora::tool::RgbToNv12(images[i].rgb.data(), size_t{size.width} * 3, size, frame.data(),
-                               order);
-      if (scaled) frame = velmora::tool::ScaleFrame(frame, size, {2, 2});
+      std::vector<uint8_t> frame(sizes[i].frameBytes());
+      velmora::tool::RgbToNv12(images[i].data(), sizes[i].width * 3, sizes[i], frame.data(), order);
+      if (scaled) frame = velmora::tool::ScaleFrame(frame, sizes[i], {2, 2});
       all.insert(all.end(), frame.begin(), frame.end());
     }
     return all;
