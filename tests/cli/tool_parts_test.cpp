@@ -96,10 +96,8 @@ TEST(OutputPattern, OneFrameNumberAsPercentDWithOptionalZeroPadding) {
     bool numbered = !c.numbered;
     std::string error;
     EXPECT_EQ(ParseOutputPattern(c.pattern, &numbered, &error), c.seventh != nullptr) << c.pattern;
-    if (c.seventh == nullptr) {
-      EXPECT_NE(error.find("one frame number"), std::string::npos) << error;
-      continue;
-    }
+    EXPECT_EQ(error.find("one frame number") != std::string::npos, c.seventh == nullptr) << error;
+    if (c.seventh == nullptr) continue;
     EXPECT_EQ(numbered, c.numbered) << c.pattern;
     EXPECT_EQ(OutputPathFor(c.pattern, c.numbered, 7), c.seventh);
   }
@@ -110,10 +108,8 @@ TEST(SelectedCount, SkipsThenTakesOneInEveryUpToTheLimit) {
   const size_t cases[][5] = {  // count, start, every, limit, selected
       {10, 0, 1, kAll, 10}, {10, 3, 1, kAll, 7},  {10, 0, 3, kAll, 4}, {10, 1, 3, kAll, 3},
       {10, 0, 1, 4, 4},     {10, 10, 1, kAll, 0}, {10, 20, 2, 5, 0},   {kAll, 2, 2, 5, kAll}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(SelectedCount(c[0], c[1], c[2], c[3]), c[4])
-        << c[0] << " " << c[1] << " " << c[2] << " " << c[3];
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(SelectedCount(c[0], c[1], c[2], c[3]), c[4]) << "case " << &c - cases;
 }
 
 constexpr int kW = int(DemoScene::kWidth), kH = int(DemoScene::kHeight);

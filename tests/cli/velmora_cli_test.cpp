@@ -90,14 +90,13 @@ TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
   TempDir dir;
   WriteFile(dir / "burst.yuv", testutil::RandomBytes(FrameBytes(32, 16) * 4, 3));
   const RunResult run = RunTool("longexp --size 32x16 burst.yuv -o out.yuv", dir.path(), {}, true);
-  const std::string& shown = run.err;
   EXPECT_EQ(run.exit_code, 0);
   // Rewritten in place with carriage returns (each clearing what a longer line left), ended by
   // a newline once all frames are in; the speed and the time left once there is a speed.
-  EXPECT_EQ(shown.rfind("\rvelmora: folded 0/4 frames\033[K", 0), 0u) << shown;
-  EXPECT_NE(shown.find("\rvelmora: folded 4/4 frames, "), std::string::npos) << shown;
-  EXPECT_NE(shown.find(" fps, 0 s left\033[K\r\n"), std::string::npos) << shown;
-  EXPECT_EQ(shown.back(), '\n');
+  EXPECT_EQ(run.err.rfind("\rvelmora: folded 0/4 frames\033[K", 0), 0u) << run.err;
+  EXPECT_NE(run.err.find("\rvelmora: folded 4/4 frames, "), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find(" fps, 0 s left\033[K\r\n"), std::string::npos) << run.err;
+  EXPECT_EQ(run.err.back(), '\n');
 }
 
 TEST(VelmoraDemo, WritesA1280x720PngAndSaysWhere) {
