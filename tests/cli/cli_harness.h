@@ -9,6 +9,7 @@ extern "C" {
 }
 #include <gtest/gtest.h>
 #include <png.h>
+#include <pty.h>
 #include <sys/wait.h>
 #include <turbojpeg.h>
 #include <unistd.h>
@@ -32,76 +33,54 @@ using testutil::ReadFile;
 using testutil::TempDir;
 using testutil::WriteFile;
 
-// A command line written as one string (no argument holds the separator).
-inline std::vector<std::string> Words(const std::string& text, char separator = ' ') {
-  std::istringstream in(text);
-  std::vector<std::string> words;
-  for (std::string word; std::getline(in, word, separator);)
-    if (!word.empty()) words.push_back(word);
-  return words;
-}
+struct RunResult {
+  int exit_code;  // 128 + the signal that ended the tool, so that a crash shows as a failure
+  std::string out, err;
+};
 
-// The command line that runs the tool; call it before forking.
-inline std::vector<std::string> ToolCommand(const std::string& args) {
-  // Under LeakSanitizer the list of suppressions used would land on the standard error the
-  // tests read as the tool's own.
+// Runs the tool in cwd, standard output and error into files (neither a terminal) or, with
+// terminal, both onto a pseudo-terminal read into err; meanwhile, if given, runs as the tool does.
+inline RunResult RunTool(const std::string& args, const std::string& cwd,
+                         const std::function<void(pid_t)>& meanwhile = {}, bool terminal = false) {
+  // Under LeakSanitizer the list of suppressions used would land on the standard error read here.
   const char* lsan = std::getenv("LSAN_OPTIONS");
   if (lsan != nullptr && std::string(lsan).find("print_suppressions=0") == std::string::npos)
     setenv("LSAN_OPTIONS", (std::string(lsan) + ":print_suppressions=0").c_str(), 1);
   std::vector<std::string> command;
 #ifdef VELMORA_TOOL_LAUNCHER
-  command = Words(VELMORA_TOOL_LAUNCHER, '|');  // the emulator's words
+  std::istringstream launcher(VELMORA_TOOL_LAUNCHER);  // the emulator's words, '|' between them
+  for (std::string word; std::getline(launcher, word, '|');) command.push_back(word);
 #endif
   command.push_back(VELMORA_TOOL_PATH);
-  for (const std::string& word : Words(args)) command.push_back(word);
-  return command;
-}
-
-// Replaces the current (child) process with the command; never returns.
-[[noreturn]] inline void Exec(std::vector<std::string> command, const std::string& cwd) {
+  std::istringstream words(args);  // no argument holds a space
+  for (std::string word; words >> word;) command.push_back(word);
   std::vector<char*> argv;
   for (std::string& word : command) argv.push_back(word.data());
   argv.push_back(nullptr);
-  if (chdir(cwd.c_str()) == 0) execv(argv[0], argv.data());
-  _exit(127);
-}
-
-// The exit code, or 128 + the signal that ended the process (so a crash shows as a failure).
-inline int ExitCode(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-struct RunResult {
-  int exit_code;
-  std::string out, err;
-};
-
-// Runs the tool in cwd with standard output and error captured (neither is a terminal);
-// meanwhile, if given, runs in this process while the tool does.
-inline RunResult RunTool(const std::string& args, const std::string& cwd,
-                         const std::function<void(pid_t)>& meanwhile = {}) {
-  const std::vector<std::string> command = ToolCommand(args);
-  std::FILE* out = std::tmpfile();
-  std::FILE* err = std::tmpfile();
-  const pid_t pid = fork();
+  std::FILE* files[2] = {std::tmpfile(), std::tmpfile()};
+  int pty = -1;
+  const pid_t pid = terminal ? forkpty(&pty, nullptr, nullptr, nullptr) : fork();
   if (pid == 0) {
-    dup2(fileno(out), STDOUT_FILENO);
-    dup2(fileno(err), STDERR_FILENO);
-    Exec(command, cwd);
+    if (!terminal) dup2(fileno(files[0]), STDOUT_FILENO), dup2(fileno(files[1]), STDERR_FILENO);
+    if (chdir(cwd.c_str()) == 0) execv(argv[0], argv.data());
+    _exit(127);
   }
   if (meanwhile) meanwhile(pid);
-  const int code = ExitCode(pid);
-  auto read_all = [](std::FILE* file) {
-    std::fseek(file, 0, SEEK_END);  // where the tool's writes ended
-    std::string text(size_t(std::ftell(file)), '\0');
-    std::rewind(file);
-    text.resize(std::fread(text.data(), 1, text.size(), file));
-    std::fclose(file);
-    return text;
+  RunResult result{-1, "", ""};
+  auto drain = [](int fd, std::string* text) {
+    char buffer[4096];
+    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) text->append(buffer, size_t(n));
   };
-  return {code, read_all(out), read_all(err)};
+  if (terminal) drain(pty, &result.err), close(pty);  // read before waiting: the tool may block
+  int status = 0;
+  if (waitpid(pid, &status, 0) == pid)
+    result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  for (std::FILE* file : files) {
+    lseek(fileno(file), 0, SEEK_SET);
+    drain(fileno(file), file == files[0] ? &result.out : &result.err);
+    std::fclose(file);
+  }
+  return result;
 }
 
 inline size_t FrameBytes(int width, int height) { return size_t(width) * height * 3 / 2; }
@@ -110,15 +89,14 @@ inline size_t FrameBytes(int width, int height) { return size_t(width) * height 
 // JPEG of quality 100.
 inline void WritePicture(const std::string& path, int width, int height,
                          const std::vector<uint8_t>& rgb, bool deep = false, bool jpeg = false) {
-  if (jpeg) {
+  if (jpeg) {  // through libjpeg's own RGB to YCbCr
     tjhandle tj = tjInitCompress();
     unsigned char* bytes = nullptr;
     unsigned long size = 0;
     ASSERT_EQ(tjCompress2(tj, rgb.data(), width, 0, height, TJPF_RGB, &bytes, &size, TJSAMP_420,
                           100, 0), 0);
-    WriteFile(path, std::vector<uint8_t>(bytes, bytes + size));
-    tjFree(bytes);
-    tjDestroy(tj);
+    WriteFile(path, {bytes, bytes + size});
+    tjFree(bytes), tjDestroy(tj);
     return;
   }
   png_image png{};
@@ -126,17 +104,16 @@ inline void WritePicture(const std::string& path, int width, int height,
   png.width = uint32_t(width);
   png.height = uint32_t(height);
   png.format = deep ? PNG_FORMAT_LINEAR_RGB : PNG_FORMAT_RGB;
-  std::vector<uint16_t> wide(rgb.begin(), rgb.end());
-  for (uint16_t& v : wide) v = uint16_t(v * 257);
+  std::vector<uint16_t> wide(rgb.size());
+  std::transform(rgb.begin(), rgb.end(), wide.begin(), [](uint8_t v) { return v * 257; });
   const void* pixels = deep ? static_cast<const void*>(wide.data()) : rgb.data();
   ASSERT_NE(png_image_write_to_file(&png, path.c_str(), 0, pixels, 0, nullptr), 0);
 }
 
-// One command line and what it must give. With error set: exit 2 and one line "velmora: error:
-// ..." naming it, nothing on standard output. Else: exit 0, nothing on standard error and on
-// standard output only shows, and the output named last on the line (numbered outputs one after
-// another; a PNG as its RGB) within tolerance of want. Either way no file is left made or
-// changed: outputs are checked and removed.
+// One command line and what it must give. With error: exit 2, nothing on standard output and
+// one line "velmora: error: ..." holding it. Else: exit 0, standard error empty, standard output
+// empty or holding shows, and the output named last (numbered ones in turn; a PNG as its RGB, a
+// JPEG as its planes) within tolerance of want, then removed: the directory is left as it was.
 struct ToolRun {
   std::string args;
   std::vector<uint8_t> want = {};
@@ -163,16 +140,26 @@ inline void ExpectRun(const TempDir& dir, const ToolRun& run) {
   EXPECT_TRUE(run.shows.empty() ? result.out.empty()
                                 : result.out.find(run.shows) != std::string::npos)
       << result.out;
-  const std::string pattern = run.args.empty() ? "" : Words(run.args).back();
+  const std::string pattern = run.args.substr(run.args.rfind(' ') + 1);
   std::vector<uint8_t> got;
   for (int n = 1; n == 1 || pattern.find('%') != std::string::npos; ++n) {
     char name[256];
     std::snprintf(name, sizeof name, pattern.c_str(), n);
     if (!fs::exists(dir / name)) break;
+    std::vector<uint8_t> bytes = ReadFile(dir / name);
     velmora::tool::RgbImage png;  // libpng's decoding
     std::string why;
-    const std::vector<uint8_t> bytes =
-        velmora::tool::ReadPngFile(dir / name, &png, &why) ? png.rgb : ReadFile(dir / name);
+    if (velmora::tool::ReadPngFile(dir / name, &png, &why)) bytes = png.rgb;
+    tjhandle tj = tjInitDecompress();  // libjpeg's Y, U and V planes, as they lie in the file
+    int width = 0, height = 0, subsampling = -1, colours = -1;
+    if (tjDecompressHeader3(tj, bytes.data(), bytes.size(), &width, &height, &subsampling,
+                            &colours) == 0) {
+      std::vector<uint8_t> planes(tjBufSizeYUV2(width, 1, height, subsampling));
+      EXPECT_EQ(tjDecompressToYUV2(tj, bytes.data(), bytes.size(), planes.data(), width, 1,
+                                   height, 0), 0);
+      bytes = planes;
+    }
+    tjDestroy(tj);
     got.insert(got.end(), bytes.begin(), bytes.end());
     fs::remove(dir / name);
   }
@@ -182,11 +169,11 @@ inline void ExpectRun(const TempDir& dir, const ToolRun& run) {
   EXPECT_EQ(dir.List(), before);
 }
 
-// NV12 frames (the even part of a width x height picture) as a lossless FFV1 video in Matroska,
-// so that decoding must give them back exactly, tagged with the given colours. An odd last
-// column or row is filled with 0.
-inline void WriteVideo(const std::string& path, const std::vector<std::vector<uint8_t>>& frames,
-                       int width, int height, AVColorRange range = AVCOL_RANGE_JPEG,
+// NV12 frames one after another (each the even part of a width x height picture) as a lossless
+// FFV1 video in Matroska, so that decoding must give them back exactly, tagged with the given
+// colours. An odd last column or row is filled with 0.
+inline void WriteVideo(const std::string& path, const std::vector<uint8_t>& frames, int width,
+                       int height, AVColorRange range = AVCOL_RANGE_JPEG,
                        AVColorSpace space = AVCOL_SPC_BT470BG) {
   AVFormatContext* format = nullptr;
   ASSERT_GE(avformat_alloc_output_context2(&format, nullptr, "matroska", path.c_str()), 0);
@@ -204,16 +191,16 @@ inline void WriteVideo(const std::string& path, const std::vector<std::vector<ui
   ASSERT_GE(avformat_write_header(format, nullptr), 0);
   AVPacket* packet = av_packet_alloc();
   const int w = width & ~1, h = height & ~1;
-  for (size_t n = 0; n <= frames.size(); ++n) {
+  for (size_t n = 0; n <= frames.size() / FrameBytes(w, h); ++n) {
     AVFrame* frame = nullptr;  // none after the last: flushes the encoder
-    if (n < frames.size()) {
+    if (n < frames.size() / FrameBytes(w, h)) {
       frame = av_frame_alloc();
       frame->format = encoder->pix_fmt;
       frame->width = width;
       frame->height = height;
       frame->pts = int64_t(n);
       ASSERT_GE(av_frame_get_buffer(frame, 0), 0);
-      const uint8_t* nv12 = frames[n].data();
+      const uint8_t* nv12 = &frames[n * FrameBytes(w, h)];
       for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
           const bool in = x < w && y < h;

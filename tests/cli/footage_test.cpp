@@ -5,12 +5,8 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
-#include <chrono>
-#include <thread>
-
 #include "bt601.h"
 #include "cli_harness.h"
-#include "image_writer.h"
 
 namespace {
 
@@ -37,18 +33,17 @@ std::vector<Frame> RandomFrames(int count, uint32_t seed, std::vector<uint8_t>* 
 }
 
 // Every kind of input: the selected frames of raw files and videos folded exactly as the
-// independent mean has them, videos and pictures in full-range BT.601, and every fault in the
-// inputs or options told in one line.
+// independent mean has them, videos and pictures in full-range BT.601, every fault in the inputs
+// or options told in one line, and JPEG output in its planes, smaller at a lower quality.
 TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   TempDir dir;
   std::vector<uint8_t> raw;
   const std::vector<Frame> frames = RandomFrames(10, 11, &raw);
-  std::vector<std::vector<uint8_t>> packed;
-  for (const Frame& frame : frames) packed.push_back(testutil::Packed(frame));
-  WriteVideo(dir / "even.mkv", packed, 64, 48);
-  WriteVideo(dir / "odd.mkv", packed, 65, 49);  // cropped back to 64x48
+  WriteVideo(dir / "even.mkv", raw, 64, 48);
+  WriteVideo(dir / "odd.mkv", raw, 65, 49);  // cropped back to 64x48
   WriteFile(dir / "raw.yuv", raw);
-  WriteFile(dir / "f0.yuv", packed[0]);
+  const std::vector<uint8_t> f0(raw.begin(), raw.begin() + long(FrameBytes(64, 48)));
+  WriteFile(dir / "f0.yuv", f0);
   ASSERT_EQ(link((dir / "f0.yuv").c_str(), (dir / "same.nv12").c_str()), 0);
   // Flat frames: videos tagged with their colours, and pictures of R 200, G 100, B 50.
   auto flat = [](int width, int height, std::vector<uint8_t> yuv) {
@@ -59,10 +54,10 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   };
   // 40 wide: the range expansion runs 16 bytes a step, then the rest of each row one by one.
   const std::vector<uint8_t> mid = flat(40, 8, {126, 100, 200});
-  WriteVideo(dir / "601.mkv", {mid}, 40, 8, AVCOL_RANGE_MPEG);
-  WriteVideo(dir / "709.mkv", {mid}, 40, 8, AVCOL_RANGE_MPEG, AVCOL_SPC_BT709);
-  WriteVideo(dir / "full.mkv", {mid}, 40, 8);
-  WriteVideo(dir / "red.mkv", {flat(40, 8, {63, 102, 240})}, 40, 8, AVCOL_RANGE_MPEG,
+  WriteVideo(dir / "601.mkv", mid, 40, 8, AVCOL_RANGE_MPEG);
+  WriteVideo(dir / "709.mkv", mid, 40, 8, AVCOL_RANGE_MPEG, AVCOL_SPC_BT709);
+  WriteVideo(dir / "full.mkv", mid, 40, 8);
+  WriteVideo(dir / "red.mkv", flat(40, 8, {63, 102, 240}), 40, 8, AVCOL_RANGE_MPEG,
              AVCOL_SPC_BT709);
   std::vector<uint8_t> rgb;
   for (int i = 0; i < 33 * 17; ++i) rgb.insert(rgb.end(), {200, 100, 50});
@@ -71,6 +66,10 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   WritePicture(dir / "deep.png", 32, 16, rgb, true);
   WritePicture(dir / "photo.jpg", 32, 16, rgb, false, true);
   const std::vector<uint8_t> picture = flat(32, 16, {124, 86, 182});  // 124.2 86.13 182.07
+  WriteFile(dir / "red.yuv", flat(32, 16, {76, 255, 85}));              // as NV21
+  std::vector<uint8_t> red_planes(FrameBytes(32, 16), 76);              // Y, then U, then V
+  std::fill(red_planes.begin() + 32 * 16, red_planes.end(), 85);
+  std::fill(red_planes.begin() + 32 * 16 * 5 / 4, red_planes.end(), 255);
   // Broken inputs, and a file in the way of an output.
   WriteFile(dir / "short.yuv", std::vector<uint8_t>(1000, 1));
   WriteFile(dir / "empty.yuv", {});
@@ -93,14 +92,9 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       std::swap(folded[i], folded[i + 1]);
     return folded;
   };
-  auto colours = [](const std::vector<uint8_t>& frame, ChromaOrder order) {
-    return FrameToRgb(frame.data(), {64, 48}, order);
-  };
-  std::vector<ToolRun> runs = {
+  const std::vector<ToolRun> runs = {
       {"longexp even.mkv -o out.yuv", mean({0, 1, 2, 3, 4, 5, 6, 7, 8, 9})},
       {"longexp odd.mkv -o out.yuv", mean({0, 1, 2, 3, 4, 5, 6, 7, 8, 9})},
-      {"longexp even.mkv --start 7 -o out.yuv", mean({7, 8, 9})},
-      {"longexp even.mkv --every 4 -o out.yuv", mean({0, 4, 8})},
       {"longexp even.mkv --start 1 --every 3 --frames 2 -o out.yuv", mean({1, 4})},
       {"longexp even.mkv odd.mkv --start 8 --frames 4 -o out.yuv", mean({8, 9, 0, 1})},
       {"longexp --size 64x48 raw.yuv --start 2 --every 3 -o out.yuv", mean({2, 5, 8})},
@@ -112,9 +106,9 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.nv21", mean({0, 1})},
       {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.yuv", mean({0, 1})},
       {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.png",
-       colours(mean({0, 1}), ChromaOrder::kNv21)},
+       FrameToRgb(mean({0, 1}).data(), {64, 48}, ChromaOrder::kNv21)},
       {"longexp even.mkv --frames 2 --isa scalar --verbose -o out.png",
-       colours(mean({0, 1}), ChromaOrder::kNv12), "", 0, "Algorithm [INFO]"},
+       FrameToRgb(mean({0, 1}).data(), {64, 48}, ChromaOrder::kNv12), "", 0, "Algorithm [INFO]"},
       // Colours worked by hand through RGB; JPEG's quantisation may move a flat one by one.
       {"longexp 601.mkv -o out.yuv", flat(40, 8, {128, 96, 210})},  // 128.08 96.13 209.96
       {"longexp 709.mkv -o out.yuv", flat(40, 8, {141, 87, 211})},  // 140.92 87.38 210.91
@@ -124,6 +118,8 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       {"longexp deep.png -o out.yuv", picture},
       {"longexp photo.jpg -o out.yuv", picture, "", 1},
       {"longexp odd8.png deep.png photo.jpg -o out.yuv", picture, "", 1},
+      // A JPEG holds the frame's planes unconverted, 4:2:0: a flat frame keeps its Y, U and V.
+      {"longexp --size 32x16 --format nv21 red.yuv -o out.jpg", red_planes, "", 1},
       // Each reason of a refused size is ParseSize's own test; here, that it reaches the user.
       {"longexp --size 63x48 f0.yuv -o out.png", {}, "'63x48': width and height must be even"},
       {"longexp --size 64x48 missing.yuv -o out.png", {}, "missing.yuv: No such file"},
@@ -151,7 +147,6 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
        "no frames selected: the inputs end before the first one"},
       {"longexp --size 64x48 f0.yuv --start 1 -o keep.jpg", {},
        "the inputs hold 1 frame and --start 1"},
-      {"longexp --size 64x48 f0.yuv -o ./f0.yuv", {}, "./f0.yuv: is also an input"},
       {"longexp --size 64x48 f0.yuv -o same.nv12", {}, "same.nv12: is also an input"},  // a link
       {"longexp even.mkv --every 0 -o keep.jpg", {}, "--every '0': expected a whole number from 1"},
       {"longexp even.mkv --frames x -o keep.jpg", {}, "--frames 'x': expected a whole number"},
@@ -159,72 +154,54 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       {"longexp even.mkv --quality 101 -o keep.jpg", {},
        "--quality '101': expected a whole number from 1 to 100"},
   };
-  if (geteuid() != 0) {  // permissions do not bind root
-    WriteFile(dir / "locked.yuv", packed[1]);
-    fs::permissions(dir / "locked.yuv", fs::perms::none);
-    runs.push_back({"longexp --size 64x48 f0.yuv locked.yuv -o out.png", {},
-                    "velmora: error: locked.yuv: Permission denied\n"});  // before any work
-  }
   for (const ToolRun& run : runs) ExpectRun(dir, run);
   EXPECT_TRUE(ReadFile(dir / "keep.jpg") == (std::vector<uint8_t>{'o', 'l', 'd'}));
-  EXPECT_TRUE(ReadFile(dir / "same.nv12") == packed[0]);
+  EXPECT_TRUE(ReadFile(dir / "same.nv12") == f0);
+  for (const char* args : {"raw.yuv -o high.JPEG", "raw.yuv -o low.jpg --quality 10"})
+    EXPECT_EQ(RunTool("longexp --size 64x48 " + std::string(args), dir.path()).exit_code, 0);
+  EXPECT_LT(ReadFile(dir / "low.jpg").size(), ReadFile(dir / "high.JPEG").size() * 3 / 4);
 }
 
-TEST(VelmoraFootage, AlignRegistersRawVideoAndPicturesAlike) {
-  // Three views of one textured scene, the camera off by a few even pixels each time: against
-  // the first, the second sees (4, 4) further right and down, the third (4, 2) further left and
-  // up. What all three see is x 4..1276, y 2..716 of the first. (Smaller scenes hold too few
-  // corners 45 half-size pixels apart for the driver's 28 matches.)
+// Against the first frame, the second sees (4, 4) further right and down, the third (4, 2)
+// further left and up: the crop is x 4..1276, y 2..716, give or take a pixel the estimates lose
+// at an edge, at even coordinates. Raw frames only: the aligner sees every kind of input alike.
+// (Smaller scenes hold too few corners 45 half-size pixels apart for the driver's 28 matches.)
+TEST(VelmoraFootage, AlignCropsToWhatEveryFrameOfAKnownShiftSees) {
   constexpr int kW = 1280, kH = 720;
   const std::vector<uint8_t> scene = testutil::TexturedImage(kW + 8, kH + 8, 5);
   const int offsets[3][2] = {{4, 4}, {0, 0}, {8, 6}};
   TempDir dir;
-  std::vector<std::vector<uint8_t>> frames;
   std::vector<uint8_t> raw;
-  for (int k = 0; k < 3; ++k) {
-    std::vector<uint8_t> frame(FrameBytes(kW, kH), 128), rgb;
+  for (const auto& offset : offsets) {
+    std::vector<uint8_t> frame(FrameBytes(kW, kH), 128);
     for (int i = 0; i < kW * kH; ++i)
-      frame[size_t(i)] = scene[size_t(i / kW + offsets[k][1]) * (kW + 8) + i % kW + offsets[k][0]];
-    // Grey pictures: full-range BT.601 gives the same luma and chroma 128.
-    for (int i = 0; i < kW * kH; ++i) rgb.insert(rgb.end(), 3, frame[size_t(i)]);
-    WritePicture(dir / ("f" + std::to_string(k) + ".png"), kW, kH, rgb);
+      frame[size_t(i)] = scene[size_t(i / kW + offset[1]) * (kW + 8) + i % kW + offset[0]];
     raw.insert(raw.end(), frame.begin(), frame.end());
-    frames.push_back(std::move(frame));
   }
   WriteFile(dir / "burst.yuv", raw);
-  WriteVideo(dir / "burst.mkv", frames, kW, kH);
-  RunResult first{};
-  std::vector<uint8_t> first_picture;
-  for (const char* inputs : {"--size 1280x720 burst.yuv", "burst.mkv", "f0.png f1.png f2.png"}) {
-    SCOPED_TRACE(inputs);
-    const RunResult run = RunTool("longexp --align -o out.yuv " + std::string(inputs), dir.path());
-    ASSERT_EQ(run.exit_code, 0) << run.err;
-    int width = 0, height = 0, left = -1, top = -1;
-    ASSERT_EQ(std::sscanf(run.out.c_str(),
-                          "aligned 2 frames onto the first, threw 0; cropped to %dx%d at (%d, %d)",
-                          &width, &height, &left, &top), 4) << run.out;
-    // The estimates may lose a pixel or so at an edge, and the crop keeps even coordinates.
-    EXPECT_TRUE(left >= 4 && left <= 6 && top >= 2 && top <= 4) << run.out;
-    EXPECT_TRUE(left + width >= kW - 6 && left + width <= kW - 4) << run.out;
-    EXPECT_TRUE(top + height >= kH - 6 && top + height <= kH - 4) << run.out;
-    const std::vector<uint8_t> picture = ReadFile(dir / "out.yuv");
-    EXPECT_EQ(picture.size(), FrameBytes(width, height));
-    if (first_picture.empty()) first = run, first_picture = picture;
-    EXPECT_EQ(run.out, first.out);  // the same frames, whatever carried them
-    EXPECT_TRUE(picture == first_picture);
-  }
+  const RunResult run = RunTool("longexp --align -o out.yuv --size 1280x720 burst.yuv", dir.path());
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  int width = 0, height = 0, left = -1, top = -1;
+  ASSERT_EQ(std::sscanf(run.out.c_str(),
+                        "aligned 2 frames onto the first, threw 0; cropped to %dx%d at (%d, %d)",
+                        &width, &height, &left, &top), 4) << run.out;
+  EXPECT_TRUE(left >= 4 && left <= 6 && top >= 2 && top <= 4) << run.out;
+  EXPECT_TRUE(left + width >= kW - 6 && left + width <= kW - 4) << run.out;
+  EXPECT_TRUE(top + height >= kH - 6 && top + height <= kH - 4) << run.out;
+  EXPECT_EQ(ReadFile(dir / "out.yuv").size(), FrameBytes(width, height));
 }
 
 TEST(VelmoraFootage, FirstSignalKeepsTheFramesFoldedSecondAbortsWithoutOutput) {
   TempDir dir;
   std::vector<uint8_t> raw;
   const std::vector<Frame> frames = RandomFrames(3, 23, &raw);
+  const std::vector<uint8_t> old = {'o', 'l', 'd'};
+  // A pipe that never ends: the tool reads the frames, waits for more, and gets the signals (or,
+  // should it not read them, a kill).
+  ASSERT_EQ(mkfifo((dir / "slow.yuv").c_str(), 0600), 0);
   for (const std::vector<int>& signals : {std::vector<int>{SIGINT}, {SIGTERM}, {SIGINT, SIGTERM}}) {
     SCOPED_TRACE(signals.size());
-    WriteFile(dir / "out.yuv", {'o', 'l', 'd'});
-    ASSERT_EQ(mkfifo((dir / "slow.yuv").c_str(), 0600), 0);
-    // A pipe that never ends: the tool reads the frames, waits for more, and gets the signals
-    // (or, should it not read them, a kill).
+    WriteFile(dir / "out.yuv", old);
     int fifo = -1;
     const RunResult run =
         RunTool("longexp --size 64x48 slow.yuv -o out.yuv", dir.path(), [&](pid_t pid) {
@@ -232,23 +209,18 @@ TEST(VelmoraFootage, FirstSignalKeepsTheFramesFoldedSecondAbortsWithoutOutput) {
           int unread = write(fifo, raw.data(), raw.size()) == ssize_t(raw.size()) ? 1 : -1;
           for (int tries = 0; tries < 2000 && unread > 0; ++tries) {
             if (ioctl(fifo, FIONREAD, &unread) != 0) unread = -1;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            usleep(5000);
           }
           EXPECT_EQ(unread, 0);
           for (int signal : unread == 0 ? signals : std::vector<int>{SIGKILL}) kill(pid, signal);
         });
     close(fifo);
-    if (signals.size() == 1) {
-      EXPECT_EQ(run.exit_code, 128 + signals[0]) << run.err;
-      EXPECT_NE(run.err.find("wrote out.yuv from the 3 frames folded so far"), std::string::npos)
-          << run.err;
-      EXPECT_TRUE(ReadFile(dir / "out.yuv") == Expected(frames, {0, 1, 2}));
-    } else {
-      EXPECT_GT(run.exit_code, 128) << run.err;
-      EXPECT_TRUE(ReadFile(dir / "out.yuv") == (std::vector<uint8_t>{'o', 'l', 'd'}));
-    }
-    fs::remove(dir / "slow.yuv");
-    EXPECT_EQ(dir.List(), std::vector<std::string>{"out.yuv"});  // no temporary left behind
+    const bool kept = signals.size() == 1;
+    EXPECT_TRUE(kept ? run.exit_code == 128 + signals[0] : run.exit_code > 128) << run.exit_code;
+    EXPECT_EQ(run.err.find("wrote out.yuv from the 3 frames folded so far") != std::string::npos,
+              kept) << run.err;
+    EXPECT_TRUE(ReadFile(dir / "out.yuv") == (kept ? Expected(frames, {0, 1, 2}) : old));
+    EXPECT_EQ(dir.List(), (std::vector<std::string>{"out.yuv", "slow.yuv"}));  // no temporary
   }
 }
 
