@@ -164,30 +164,39 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
 
 // Against the first frame, the second sees (4, 4) further right and down, the third (4, 2)
 // further left and up: the crop is x 4..1276, y 2..716, give or take a pixel the estimates lose
-// at an edge, at even coordinates. Raw frames only: the aligner sees every kind of input alike.
+// at an edge, at even coordinates; raw frames, a video and pictures give the same run.
 // (Smaller scenes hold too few corners 45 half-size pixels apart for the driver's 28 matches.)
-TEST(VelmoraFootage, AlignCropsToWhatEveryFrameOfAKnownShiftSees) {
+TEST(VelmoraFootage, AlignCropsToWhatEveryFrameOfAKnownShiftSeesWhateverCarriesIt) {
   constexpr int kW = 1280, kH = 720;
   const std::vector<uint8_t> scene = testutil::TexturedImage(kW + 8, kH + 8, 5);
   const int offsets[3][2] = {{4, 4}, {0, 0}, {8, 6}};
   TempDir dir;
   std::vector<uint8_t> raw;
-  for (const auto& offset : offsets) {
-    std::vector<uint8_t> frame(FrameBytes(kW, kH), 128);
-    for (int i = 0; i < kW * kH; ++i)
-      frame[size_t(i)] = scene[size_t(i / kW + offset[1]) * (kW + 8) + i % kW + offset[0]];
+  for (int k = 0; k < 3; ++k) {
+    std::vector<uint8_t> frame(FrameBytes(kW, kH), 128), rgb;
+    for (int i = 0; i < kW * kH; ++i) {
+      frame[size_t(i)] = scene[size_t(i / kW + offsets[k][1]) * (kW + 8) + i % kW + offsets[k][0]];
+      rgb.insert(rgb.end(), 3, frame[size_t(i)]);  // grey: the same luma, chroma 128
+    }
+    WritePicture(dir / ("f" + std::to_string(k) + ".png"), kW, kH, rgb);
     raw.insert(raw.end(), frame.begin(), frame.end());
   }
   WriteFile(dir / "burst.yuv", raw);
-  const RunResult run = RunTool("longexp --align -o out.yuv --size 1280x720 burst.yuv", dir.path());
-  ASSERT_EQ(run.exit_code, 0) << run.err;
+  WriteVideo(dir / "burst.mkv", raw, kW, kH);
+  RunResult first{};
+  for (const char* inputs : {"--size 1280x720 burst.yuv", "burst.mkv", "f0.png f1.png f2.png"}) {
+    const RunResult run = RunTool("longexp --align -o out.yuv " + std::string(inputs), dir.path());
+    ASSERT_EQ(run.exit_code, 0) << inputs << ": " << run.err;
+    if (first.out.empty()) first = run;
+    EXPECT_EQ(run.out, first.out) << inputs;  // the same frames, whatever carried them
+  }
   int width = 0, height = 0, left = -1, top = -1;
-  ASSERT_EQ(std::sscanf(run.out.c_str(),
+  ASSERT_EQ(std::sscanf(first.out.c_str(),
                         "aligned 2 frames onto the first, threw 0; cropped to %dx%d at (%d, %d)",
-                        &width, &height, &left, &top), 4) << run.out;
-  EXPECT_TRUE(left >= 4 && left <= 6 && top >= 2 && top <= 4) << run.out;
-  EXPECT_TRUE(left + width >= kW - 6 && left + width <= kW - 4) << run.out;
-  EXPECT_TRUE(top + height >= kH - 6 && top + height <= kH - 4) << run.out;
+                        &width, &height, &left, &top), 4) << first.out;
+  EXPECT_TRUE(left >= 4 && left <= 6 && top >= 2 && top <= 4) << first.out;
+  EXPECT_TRUE(left + width >= kW - 6 && left + width <= kW - 4) << first.out;
+  EXPECT_TRUE(top + height >= kH - 6 && top + height <= kH - 4) << first.out;
   EXPECT_EQ(ReadFile(dir / "out.yuv").size(), FrameBytes(width, height));
 }
 
