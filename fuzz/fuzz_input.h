@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "common/cpu.h"
@@ -144,12 +146,34 @@ inline void WriteSeedsIfAsked(Seeds (*make)()) {
   std::exit(0);
 }
 
+// Runs one input; a target's run function may return nothing (every input is kept) or the value
+// libFuzzer takes (-1 keeps an input out of the corpus).
+template <typename Run>
+int RunOne(Run run, FuzzInput& in) {
+  if constexpr (std::is_void_v<decltype(run(in))>) {
+    run(in);
+    return 0;
+  } else {
+    return run(in);
+  }
+}
+
 }  // namespace velmora::fuzz
 
-#define VELMORA_FUZZ_SEEDS(make)                                 \
-  extern "C" int LLVMFuzzerInitialize(int*, char***) {           \
-    velmora::fuzz::WriteSeedsIfAsked(make);                      \
-    return 0;                                                    \
+// A target's two entry points: its seeds on request (see WriteSeedsIfAsked), and each input run
+// by `run`, on the kernel variant the input's first byte picks when the target has variants
+// (kVariants: that byte is part of every input, seeds and kept findings alike).
+enum FuzzVariants { kOneVariant, kVariants };
+#define VELMORA_FUZZ_TARGET(make_seeds, run, variants)                      \
+  extern "C" int LLVMFuzzerInitialize(int*, char***) {                      \
+    velmora::fuzz::WriteSeedsIfAsked(make_seeds);                           \
+    return 0;                                                               \
+  }                                                                         \
+  extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) { \
+    velmora::fuzz::FuzzInput in(data, size);                                \
+    std::optional<velmora::ScopedIsa> isa;                                  \
+    if ((variants) == kVariants) isa.emplace(in.PickIsa());                 \
+    return velmora::fuzz::RunOne(run, in);                                  \
   }
 
 #endif  // VELMORA_FUZZ_INPUT_H

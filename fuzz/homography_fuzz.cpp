@@ -141,10 +141,4 @@ velmora::fuzz::Seeds MakeSeeds() {
 
 }  // namespace
 
-VELMORA_FUZZ_SEEDS(MakeSeeds)
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzInput in(data, size);
-  Run(in);
-  return 0;
-}
+VELMORA_FUZZ_TARGET(MakeSeeds, Run, kOneVariant)
