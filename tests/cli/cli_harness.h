@@ -24,6 +24,7 @@ extern "C" {
 #include <vector>
 
 #include "convert.h"
+#include "picture_reader.h"
 #include "test_util.h"
 
 namespace clitest {
@@ -113,7 +114,7 @@ inline void WritePicture(const std::string& path, int width, int height,
 // One command line and what it must give. With error: exit 2, nothing on standard output and
 // one line "velmora: error: ..." holding it. Else: exit 0, standard error empty, standard output
 // empty or holding shows, and the output named last (numbered ones in turn; a PNG as its RGB, a
-// JPEG as its planes) within tolerance of want, then removed: the directory is left as it was.
+// JPEG as an NV12 frame) within tolerance of want, then removed: the directory is left as it was.
 struct ToolRun {
   std::string args;
   std::vector<uint8_t> want = {};
@@ -127,41 +128,35 @@ inline void ExpectRun(const TempDir& dir, const ToolRun& run) {
   const std::vector<std::string> before = dir.List();
   const RunResult result = RunTool(run.args, dir.path());
   if (!run.error.empty()) {
-    EXPECT_EQ(result.exit_code, 2);
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-    EXPECT_EQ(result.err.rfind("velmora: error: ", 0), 0u) << result.err;
-    EXPECT_NE(result.err.find(run.error), std::string::npos) << result.err;
-    EXPECT_EQ(result.out, "");
+    const size_t newline = result.err.find('\n');
+    EXPECT_TRUE(result.err.rfind("velmora: error: ", 0) == 0 && newline + 1 == result.err.size() &&
+                result.err.find(run.error) < newline) << result.err;
+    EXPECT_EQ(std::make_pair(result.exit_code, result.out), std::make_pair(2, std::string()));
     EXPECT_EQ(dir.List(), before);
     return;
   }
   ASSERT_EQ(result.exit_code, 0) << result.err;
   EXPECT_EQ(result.err, "");  // no progress line when standard error is not a terminal
-  EXPECT_TRUE(run.shows.empty() ? result.out.empty()
-                                : result.out.find(run.shows) != std::string::npos)
-      << result.out;
+  EXPECT_EQ(result.out.empty(), run.shows.empty()) << result.out;
+  EXPECT_NE(result.out.find(run.shows), std::string::npos) << result.out;
   const std::string pattern = run.args.substr(run.args.rfind(' ') + 1);
+  const bool numbered = pattern.find('%') != std::string::npos;
   std::vector<uint8_t> got;
-  for (int n = 1; n == 1 || pattern.find('%') != std::string::npos; ++n) {
-    char name[256];
-    std::snprintf(name, sizeof name, pattern.c_str(), n);
-    if (!fs::exists(dir / name)) break;
-    std::vector<uint8_t> bytes = ReadFile(dir / name);
+  for (size_t n = 1; n == 1 || numbered; ++n) {
+    const std::string path = dir / velmora::tool::OutputPathFor(pattern, numbered, n);
+    if (!fs::exists(path)) break;
+    std::vector<uint8_t> bytes = ReadFile(path);
     velmora::tool::RgbImage png;  // libpng's decoding
     std::string why;
-    if (velmora::tool::ReadPngFile(dir / name, &png, &why)) bytes = png.rgb;
-    tjhandle tj = tjInitDecompress();  // libjpeg's Y, U and V planes, as they lie in the file
-    int width = 0, height = 0, subsampling = -1, colours = -1;
-    if (tjDecompressHeader3(tj, bytes.data(), bytes.size(), &width, &height, &subsampling,
-                            &colours) == 0) {
-      std::vector<uint8_t> planes(tjBufSizeYUV2(width, 1, height, subsampling));
-      EXPECT_EQ(tjDecompressToYUV2(tj, bytes.data(), bytes.size(), planes.data(), width, 1,
-                                   height, 0), 0);
-      bytes = planes;
+    if (velmora::tool::ReadPngFile(path, &png, &why)) bytes = png.rgb;
+    // A JPEG's planes as the tool reads them (pinned on JPEGs that libjpeg made from RGB).
+    auto jpeg = velmora::tool::PictureSource::Open(path, velmora::tool::PictureFormat::kJpeg, &why);
+    if (jpeg != nullptr) {
+      bytes.resize(jpeg->geometry().frameBytes());
+      EXPECT_TRUE(jpeg->next(bytes.data(), &why)) << why;
     }
-    tjDestroy(tj);
     got.insert(got.end(), bytes.begin(), bytes.end());
-    fs::remove(dir / name);
+    fs::remove(path);
   }
   ASSERT_EQ(got.size(), run.want.size());
   for (size_t i = 0; i < got.size(); ++i)

@@ -11,38 +11,35 @@
 namespace {
 
 using namespace clitest;  // NOLINT: the harness is this file's vocabulary
-using testutil::Frame;
 using velmora::tool::ChromaOrder;
 using velmora::tool::FrameToRgb;
 
-// The long exposure of frames[picks...] by the independent double running mean.
-std::vector<uint8_t> Expected(const std::vector<Frame>& frames, const std::vector<int>& picks) {
+// The long exposure of the picked 64x48 frames of raw by the independent double running mean,
+// with swapped its chroma pairs turned round.
+std::vector<uint8_t> Mean(const std::vector<uint8_t>& raw, const std::vector<int>& picks,
+                          bool swapped = false) {
   testutil::ReferenceMean mean;
-  for (int i : picks) mean.Fold(frames[size_t(i)]);
-  return testutil::Packed(mean.Result(frames[0].width, frames[0].height));
-}
-
-std::vector<Frame> RandomFrames(int count, uint32_t seed, std::vector<uint8_t>* raw) {
-  std::vector<Frame> frames;
-  for (int i = 0; i < count; ++i) {
-    frames.push_back(testutil::RandomFrame(64, 48, seed + uint32_t(i)));
-    const std::vector<uint8_t> packed = testutil::Packed(frames.back());
-    raw->insert(raw->end(), packed.begin(), packed.end());
+  for (int i : picks) {
+    const auto at = raw.begin() + long(FrameBytes(64, 48)) * i;
+    mean.Fold({64, 48, {at, at + 64 * 48}, {at + 64 * 48, at + long(FrameBytes(64, 48))}});
   }
-  return frames;
+  std::vector<uint8_t> folded = testutil::Packed(mean.Result(64, 48));
+  for (size_t i = 64 * 48; swapped && i < folded.size(); i += 2)
+    std::swap(folded[i], folded[i + 1]);
+  return folded;
 }
 
 // Every kind of input: the selected frames of raw files and videos folded exactly as the
-// independent mean has them, videos and pictures in full-range BT.601, every fault in the inputs
-// or options told in one line, and JPEG output in its planes, smaller at a lower quality.
+// independent mean has them, videos and pictures in full-range BT.601, a fault of each kind in
+// the inputs or options told in one line, and JPEG output in its planes, smaller at a lower
+// quality.
 TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   TempDir dir;
-  std::vector<uint8_t> raw;
-  const std::vector<Frame> frames = RandomFrames(10, 11, &raw);
+  const std::vector<uint8_t> raw = testutil::RandomBytes(FrameBytes(64, 48) * 10, 11);
+  const std::vector<uint8_t> f0(raw.begin(), raw.begin() + long(FrameBytes(64, 48)));
   WriteVideo(dir / "even.mkv", raw, 64, 48);
   WriteVideo(dir / "odd.mkv", raw, 65, 49);  // cropped back to 64x48
   WriteFile(dir / "raw.yuv", raw);
-  const std::vector<uint8_t> f0(raw.begin(), raw.begin() + long(FrameBytes(64, 48)));
   WriteFile(dir / "f0.yuv", f0);
   ASSERT_EQ(link((dir / "f0.yuv").c_str(), (dir / "same.nv12").c_str()), 0);
   // Flat frames: videos tagged with their colours, and pictures of R 200, G 100, B 50.
@@ -67,48 +64,32 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
   WritePicture(dir / "photo.jpg", 32, 16, rgb, false, true);
   const std::vector<uint8_t> picture = flat(32, 16, {124, 86, 182});  // 124.2 86.13 182.07
   WriteFile(dir / "red.yuv", flat(32, 16, {76, 255, 85}));              // as NV21
-  std::vector<uint8_t> red_planes(FrameBytes(32, 16), 76);              // Y, then U, then V
-  std::fill(red_planes.begin() + 32 * 16, red_planes.end(), 85);
-  std::fill(red_planes.begin() + 32 * 16 * 5 / 4, red_planes.end(), 255);
   // Broken inputs, and a file in the way of an output.
   WriteFile(dir / "short.yuv", std::vector<uint8_t>(1000, 1));
-  WriteFile(dir / "empty.yuv", {});
-  fs::create_directory(dir / "subdir");
   WriteFile(dir / "notes.txt", std::vector<uint8_t>(100, 'a'));
-  const std::vector<uint8_t> mkv = ReadFile(dir / "even.mkv"), png = ReadFile(dir / "odd8.png");
+  const std::vector<uint8_t> mkv = ReadFile(dir / "even.mkv");
   WriteFile(dir / "cut.mkv", std::vector<uint8_t>(mkv.begin(), mkv.begin() + mkv.size() / 2));
-  WriteFile(dir / "cut.png", std::vector<uint8_t>(png.begin(), png.end() - 20));
-  // A WAV file of silence: a container libavformat knows, with no video in it.
-  std::vector<uint8_t> wav = {'R', 'I', 'F', 'F', 36 + 200, 0, 0, 0, 'W', 'A', 'V', 'E',
-                              'f', 'm', 't', ' ', 16, 0, 0, 0, 1, 0, 1, 0, 0x40, 0x1f, 0, 0,
-                              0x80, 0x3e, 0, 0, 2, 0, 16, 0, 'd', 'a', 't', 'a', 200, 0, 0, 0};
-  wav.resize(wav.size() + 200, 0);
-  WriteFile(dir / "tone.wav", wav);
   WriteFile(dir / "keep.jpg", {'o', 'l', 'd'});
 
-  auto mean = [&](const std::vector<int>& picks, bool swapped = false) {
-    std::vector<uint8_t> folded = Expected(frames, picks);
-    for (size_t i = 64 * 48; swapped && i < folded.size(); i += 2)
-      std::swap(folded[i], folded[i + 1]);
-    return folded;
-  };
+  const std::vector<uint8_t> all = Mean(raw, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
   const std::vector<ToolRun> runs = {
-      {"longexp even.mkv -o out.yuv", mean({0, 1, 2, 3, 4, 5, 6, 7, 8, 9})},
-      {"longexp odd.mkv -o out.yuv", mean({0, 1, 2, 3, 4, 5, 6, 7, 8, 9})},
-      {"longexp even.mkv --start 1 --every 3 --frames 2 -o out.yuv", mean({1, 4})},
-      {"longexp even.mkv odd.mkv --start 8 --frames 4 -o out.yuv", mean({8, 9, 0, 1})},
-      {"longexp --size 64x48 raw.yuv --start 2 --every 3 -o out.yuv", mean({2, 5, 8})},
-      {"longexp --size 64x48 raw.yuv even.mkv --every 5 -o out.yuv", mean({0, 5, 0, 5})},
+      {"longexp even.mkv -o out.yuv", all},
+      {"longexp odd.mkv -o out.yuv", all},
+      {"longexp even.mkv --start 1 --every 3 --frames 2 -o out.yuv", Mean(raw, {1, 4})},
+      {"longexp even.mkv odd.mkv --start 8 --frames 4 -o out.yuv", Mean(raw, {8, 9, 0, 1})},
+      {"longexp --size 64x48 raw.yuv --start 2 --every 3 -o out.yuv", Mean(raw, {2, 5, 8})},
+      {"longexp --size 64x48 raw.yuv even.mkv --every 5 -o out.yuv", Mean(raw, {0, 5, 0, 5})},
       // The pipeline does not tell the chroma orders apart: only an output of the other order
       // swaps the pairs, and a PNG's colours follow the input's order.
-      {"longexp --size 64x48 f0.yuv raw.yuv --frames 3 -o out.nv21", mean({0, 0, 1}, true)},
-      {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.NV12", mean({0, 1}, true)},
-      {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.nv21", mean({0, 1})},
-      {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.yuv", mean({0, 1})},
+      {"longexp --size 64x48 f0.yuv raw.yuv --frames 3 -o out.nv21", Mean(raw, {0, 0, 1}, true)},
+      {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.NV12",
+       Mean(raw, {0, 1}, true)},
+      {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.yuv", Mean(raw, {0, 1})},
       {"longexp --size 64x48 --format nv21 raw.yuv --frames 2 -o out.png",
-       FrameToRgb(mean({0, 1}).data(), {64, 48}, ChromaOrder::kNv21)},
+       FrameToRgb(Mean(raw, {0, 1}).data(), {64, 48}, ChromaOrder::kNv21)},
       {"longexp even.mkv --frames 2 --isa scalar --verbose -o out.png",
-       FrameToRgb(mean({0, 1}).data(), {64, 48}, ChromaOrder::kNv12), "", 0, "Algorithm [INFO]"},
+       FrameToRgb(Mean(raw, {0, 1}).data(), {64, 48}, ChromaOrder::kNv12), "", 0,
+       "Algorithm [INFO]"},
       // Colours worked by hand through RGB; JPEG's quantisation may move a flat one by one.
       {"longexp 601.mkv -o out.yuv", flat(40, 8, {128, 96, 210})},  // 128.08 96.13 209.96
       {"longexp 709.mkv -o out.yuv", flat(40, 8, {141, 87, 211})},  // 140.92 87.38 210.91
@@ -117,40 +98,27 @@ TEST(VelmoraLongexp, EveryCommandLineGivesItsPictureOrOneErrorLine) {
       {"longexp odd8.png -o out.yuv", picture},
       {"longexp deep.png -o out.yuv", picture},
       {"longexp photo.jpg -o out.yuv", picture, "", 1},
-      {"longexp odd8.png deep.png photo.jpg -o out.yuv", picture, "", 1},
-      // A JPEG holds the frame's planes unconverted, 4:2:0: a flat frame keeps its Y, U and V.
-      {"longexp --size 32x16 --format nv21 red.yuv -o out.jpg", red_planes, "", 1},
+      // A JPEG holds the frame's planes unconverted: a flat frame keeps its Y, U and V.
+      {"longexp --size 32x16 --format nv21 red.yuv -o out.jpg", flat(32, 16, {76, 85, 255}), "",
+       1},
       // Each reason of a refused size is ParseSize's own test; here, that it reaches the user.
       {"longexp --size 63x48 f0.yuv -o out.png", {}, "'63x48': width and height must be even"},
       {"longexp --size 64x48 missing.yuv -o out.png", {}, "missing.yuv: No such file"},
-      {"longexp --size 64x48 f0.yuv subdir -o out.png", {}, "subdir: not a regular file"},
       {"longexp --size 64x48 f0.yuv short.yuv -o keep.jpg", {},
        "short.yuv: size 1000 bytes is not a multiple of the frame size 4608 (64x48 nv12)"},
-      {"longexp --size 64x48 empty.yuv -o out.png", {}, "empty.yuv: file is empty"},
       {"longexp f0.yuv -o out.png", {}, "f0.yuv: raw frames need --size WxH"},
-      {"longexp --size 64x48 --format yuyv f0.yuv -o out.png", {}, "'yuyv': unknown format"},
-      {"longexp --size 64x48 f0.yuv -o out.gif", {}, "out.gif: unknown output extension"},
+      // The last extension decides.
+      {"longexp --size 64x48 f0.yuv -o out.png.gif", {}, "out.png.gif: unknown output extension"},
       {"longexp --size 64x48 f0.yuv", {}, "missing -o"},
-      {"longexp --size 64x48 f0.yuv -o", {}, "-o needs a value"},
       {"longexp --size 64x48 -o out.png", {}, "no inputs"},
       {"longexp --size 64x48 f0.yuv -o nowhere/out.png", {}, "nowhere/out.png: cannot create"},
-      {"longexp --size 64x48 f0.yuv --frobnicate -o out.png", {}, "unknown option '--frobnicate'"},
-      {"longexp --size 64x48 --isa mmx f0.yuv -o out.png", {}, "'mmx': unknown instruction set"},
-      {"longexp --size 64x48 --verbose=yes f0.yuv -o out.png", {}, "--verbose takes no value"},
       {"longexp notes.txt -o keep.jpg", {}, "notes.txt: not a video or picture"},
-      {"longexp tone.wav -o keep.jpg", {}, "tone.wav: no video stream"},
       {"longexp cut.mkv -o keep.jpg", {}, "cut.mkv: damaged or truncated video"},
-      {"longexp cut.png -o keep.jpg", {}, "cut.png: damaged PNG picture"},
       {"longexp odd8.png even.mkv -o keep.jpg", {},
        "even.mkv: frames of 64x48, unlike the first input's 32x16"},
       {"longexp even.mkv --start 10 -o keep.jpg", {},
        "no frames selected: the inputs end before the first one"},
-      {"longexp --size 64x48 f0.yuv --start 1 -o keep.jpg", {},
-       "the inputs hold 1 frame and --start 1"},
       {"longexp --size 64x48 f0.yuv -o same.nv12", {}, "same.nv12: is also an input"},  // a link
-      {"longexp even.mkv --every 0 -o keep.jpg", {}, "--every '0': expected a whole number from 1"},
-      {"longexp even.mkv --frames x -o keep.jpg", {}, "--frames 'x': expected a whole number"},
-      {"longexp even.mkv --start -1 -o keep.jpg", {}, "--start '-1': expected a whole number"},
       {"longexp even.mkv --quality 101 -o keep.jpg", {},
        "--quality '101': expected a whole number from 1 to 100"},
   };
@@ -202,8 +170,7 @@ TEST(VelmoraFootage, AlignCropsToWhatEveryFrameOfAKnownShiftSeesWhateverCarriesI
 
 TEST(VelmoraFootage, FirstSignalKeepsTheFramesFoldedSecondAbortsWithoutOutput) {
   TempDir dir;
-  std::vector<uint8_t> raw;
-  const std::vector<Frame> frames = RandomFrames(3, 23, &raw);
+  const std::vector<uint8_t> raw = testutil::RandomBytes(FrameBytes(64, 48) * 3, 23);
   const std::vector<uint8_t> old = {'o', 'l', 'd'};
   // A pipe that never ends: the tool reads the frames, waits for more, and gets the signals (or,
   // should it not read them, a kill).
@@ -228,7 +195,7 @@ TEST(VelmoraFootage, FirstSignalKeepsTheFramesFoldedSecondAbortsWithoutOutput) {
     EXPECT_TRUE(kept ? run.exit_code == 128 + signals[0] : run.exit_code > 128) << run.exit_code;
     EXPECT_EQ(run.err.find("wrote out.yuv from the 3 frames folded so far") != std::string::npos,
               kept) << run.err;
-    EXPECT_TRUE(ReadFile(dir / "out.yuv") == (kept ? Expected(frames, {0, 1, 2}) : old));
+    EXPECT_TRUE(ReadFile(dir / "out.yuv") == (kept ? Mean(raw, {0, 1, 2}) : old));
     EXPECT_EQ(dir.List(), (std::vector<std::string>{"out.yuv", "slow.yuv"}));  // no temporary
   }
 }
