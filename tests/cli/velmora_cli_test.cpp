@@ -7,28 +7,23 @@ namespace {
 
 using namespace clitest;  // NOLINT: the harness is this file's vocabulary
 using velmora::tool::ChromaOrder;
-using velmora::tool::FrameGeometry;
 
 // convert both ways, with the tool's own conversions (pinned in tool_parts_test) as the
-// expectation; help; and every fault told in one line.
+// expectation; help; and a fault of each kind told in one line.
 TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
   TempDir dir;
   const std::vector<uint8_t> raw = testutil::RandomBytes(FrameBytes(16, 8) * 3, 17);
   WriteFile(dir / "two.yuv", {raw.begin(), raw.begin() + FrameBytes(16, 8) * 2});
   WriteFile(dir / "one.yuv", {raw.begin() + FrameBytes(16, 8) * 2, raw.end()});
-  const FrameGeometry sizes[3] = {{4, 2}, {4, 2}, {8, 4}};
-  std::vector<std::vector<uint8_t>> images;  // their RGB
-  for (uint32_t i = 0; i < 3; ++i) {
-    images.push_back(testutil::RandomBytes(sizes[i].lumaBytes() * 3, 23 + i));
-    WritePicture(dir / ("i" + std::to_string(i) + ".png"), sizes[i].width, sizes[i].height,
-                 images.back());
-  }
+  const std::vector<uint8_t> images = testutil::RandomBytes(4 * 2 * 3 * 2, 23);  // two, RGB
+  WritePicture(dir / "i0.png", 4, 2, {images.begin(), images.begin() + 24});
+  WritePicture(dir / "i1.png", 4, 2, {images.begin() + 24, images.end()});
   WritePicture(dir / "wide.png", 6, 2, std::vector<uint8_t>(36, 9));
   WritePicture(dir / "odd.png", 3, 2, std::vector<uint8_t>(18, 9));
-  WriteFile(dir / "keep.png", {'o', 'l', 'd'});
-  // The raw frames as PNGs, maybe resampled to 8x6; the images as frames, maybe to 2x2.
+  WriteFile(dir / "bad.png", {'o', 'l', 'd'});
+  // The raw frames as PNGs, maybe resampled to 8x6; the images as frames.
   auto pngs = [&](ChromaOrder order, bool scaled) {
-    const FrameGeometry size = scaled ? FrameGeometry{8, 6} : FrameGeometry{16, 8};
+    const velmora::tool::FrameGeometry size = {scaled ? 8u : 16u, scaled ? 6u : 8u};
     std::vector<uint8_t> all;
     for (auto at = raw.begin(); at != raw.end(); at += long(FrameBytes(16, 8))) {
       std::vector<uint8_t> frame(at, at + long(FrameBytes(16, 8)));
@@ -38,52 +33,40 @@ TEST(VelmoraCli, EveryConvertAndHelpCommandLineGivesItsFilesOrOneErrorLine) {
     }
     return all;
   };
-  auto frames = [&](ChromaOrder order, size_t first, bool scaled) {
-    std::vector<uint8_t> all;
-    for (size_t i = first; i < first + 2; ++i) {
-      std::vector<uint8_t> frame(sizes[i].frameBytes());
-      velmora::tool::RgbToNv12(images[i].data(), sizes[i].width * 3, sizes[i], frame.data(), order);
-      if (scaled) frame = velmora::tool::ScaleFrame(frame, sizes[i], {2, 2});
-      all.insert(all.end(), frame.begin(), frame.end());
-    }
+  auto frames = [&](ChromaOrder order) {
+    std::vector<uint8_t> all(FrameBytes(4, 2) * 2);
+    for (size_t i = 0; i < 2; ++i)
+      velmora::tool::RgbToNv12(&images[24 * i], 12, {4, 2}, &all[FrameBytes(4, 2) * i], order);
     return all;
   };
   const std::vector<ToolRun> runs = {
       {"convert --size 16x8 two.yuv one.yuv -o f%02d.png", pngs(ChromaOrder::kNv12, false)},
       {"convert --size 16x8 --format nv21 --scale 8x6 two.yuv one.yuv -o f%02d.png",
        pngs(ChromaOrder::kNv21, true)},
-      {"convert i0.png i1.png -o out.yuv", frames(ChromaOrder::kNv12, 0, false)},
-      {"convert i0.png i1.png -o out.nv21", frames(ChromaOrder::kNv21, 0, false)},
-      {"convert i0.png i1.png --format nv21 -o out.yuv", frames(ChromaOrder::kNv21, 0, false)},
-      {"convert i1.png i2.png --scale 2x2 -o small.nv12", frames(ChromaOrder::kNv12, 1, true)},
+      {"convert i0.png i1.png -o out.yuv", frames(ChromaOrder::kNv12)},
+      {"convert i0.png i1.png -o out.nv21", frames(ChromaOrder::kNv21)},
+      {"convert i0.png i1.png --format nv21 -o out.yuv", frames(ChromaOrder::kNv21)},
       {"convert --size 16x8 two.yuv one.yuv -o a.png", {}, "3 frames need a numbered output"},
       {"convert two.yuv -o out.png", {}, "missing --size"},
       {"convert --size 16x8 two.yuv -o out.nv12", {}, "raw frames convert to PNG"},
-      {"convert --size 16x8 two.yuv -o f%s.png", {}, "one frame number"},
       {"convert --size 16x8 --scale 3x3 two.yuv -o f%d.png", {}, "--scale '3x3': width and"},
       {"convert --size 16x8 i0.png -o out.nv12", {}, "--size is for raw input"},
-      {"convert i0.png -o out.png", {}, "PNG input converts to raw frames"},
       {"convert i0.png one.yuv -o out.nv12", {}, "inputs mix PNG images and raw"},
       {"convert i0.png odd.png -o out.nv12", {}, "odd.png: 3x2: NV12/NV21 needs even"},
       {"convert i0.png wide.png -o out.nv12", {},
        "wide.png: 6x2 differs from the first image's 4x2"},
-      {"convert i0.png keep.png -o out.nv12", {}, "keep.png: cannot read PNG"},
+      {"convert i0.png bad.png -o out.nv12", {}, "bad.png: cannot read PNG"},
       {"convert --format nv21 i0.png -o out.nv12", {}, "contradicts"},
-      {"convert -o out.nv12", {}, "no input files"},
       {"demo one.yuv", {}, "demo takes no input files"},
       {"timelapse", {}, "unknown command 'timelapse'"},
       {"--frobnicate", {}, "unknown option '--frobnicate'"},
       {"", {}, "missing command"},
       {"--help", {}, "", 0, "usage: velmora <command>"},
-      {"-h", {}, "", 0, "usage: velmora <command>"},
-      {"longexp --help", {}, "", 0, "usage: velmora longexp [options] INPUT... -o OUT"},
       {"longexp --size bad -h", {}, "", 0, "usage: velmora longexp"},  // help before complaints
-      {"demo --help", {}, "", 0, "usage: velmora demo"},
       {"convert --help", {}, "", 0, "usage: velmora convert"},
       {"--version", {}, "", 0, "velmora 0.1.0 (library Velmora_Verion_0.1.0)"},
   };
   for (const ToolRun& run : runs) ExpectRun(dir, run);
-  EXPECT_TRUE(ReadFile(dir / "keep.png") == (std::vector<uint8_t>{'o', 'l', 'd'}));
 }
 
 TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
@@ -102,14 +85,12 @@ TEST(VelmoraCli, ProgressLineOnlyWhenStandardErrorIsATerminal) {
 TEST(VelmoraDemo, WritesA1280x720PngAndSaysWhere) {
   TempDir dir;
   const RunResult run = RunTool("demo", dir.path());
-  ASSERT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(run.out, "wrote " + fs::canonical(dir / "velmora-demo.png").string() + "\n");
-  EXPECT_EQ(run.err, "");
-  EXPECT_EQ(dir.List(), std::vector<std::string>{"velmora-demo.png"});
   velmora::tool::RgbImage png;
   std::string error;
-  ASSERT_TRUE(velmora::tool::ReadPngFile(dir / "velmora-demo.png", &png, &error)) << error;
-  EXPECT_EQ(std::make_pair(png.width, png.height), std::make_pair(1280u, 720u));
+  ASSERT_TRUE(velmora::tool::ReadPngFile(dir / "velmora-demo.png", &png, &error)) << run.err;
+  EXPECT_EQ(run.out, "wrote " + fs::canonical(dir / "velmora-demo.png").string() + "\n");
+  EXPECT_EQ(std::make_tuple(run.exit_code, run.err, dir.List(), png.width, png.height),
+            std::make_tuple(0, "", std::vector<std::string>{"velmora-demo.png"}, 1280u, 720u));
 }
 
 }  // namespace
