@@ -1,17 +1,13 @@
-// The tool's pieces, linked in directly: size parsing, output kinds and names, colour conversion
-// both ways, frame selection, and the demo's burst, hand-held, folded with and without alignment.
+// The tool's pieces, linked in directly: size parsing, output names, colour conversion both ways,
+// frame selection, and the demo's burst.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <tuple>
 
-#include "aligner.h"
 #include "bt601.h"
 #include "convert.h"
 #include "demo_scene.h"
 #include "inputs.h"
-#include "longexp.h"
-#include "velmora/filters.h"
 
 namespace velmora::tool {
 namespace {
@@ -109,39 +105,6 @@ TEST(DemoScene, WaterMovesBetweenFramesWhileTheSceneStaysStill) {
   }
   EXPECT_EQ(sky, 0u);
   EXPECT_GT(river, size_t{kW} * 160 / 4);
-}
-
-// The steady scene as the library would sharpen it, against the shaken burst folded as it comes
-// and aligned: PSNR of the luma over the still pixels (away from the water by more than the
-// shake and the warp's reach) inside the crop.
-TEST(Align, ShakenDemoGainsAtLeastSixDecibelsOnItsStillPart) {
-  DemoScene steady, shaken_plain(true), shaken(true);
-  std::vector<uint8_t> truth(size_t(kW) * kH * 3 / 2), plain, aligned;
-  steady.stillScene(truth.data());
-  uint8_t* const uv = truth.data() + kW * kH;
-  sharpenFilter(truth.data(), uv, truth.data(), uv, kW, kH, 2, 1.0f);
-  const std::vector<uint8_t> still = steady.stillRegion(12);
-  std::string error;
-  RunSummary summary;
-  ASSERT_TRUE(RunLongExposure(shaken_plain, nullptr, &plain, &summary, &error)) << error;
-  Aligner aligner({DemoScene::kWidth, DemoScene::kHeight});
-  ASSERT_TRUE(RunLongExposure(shaken, nullptr, &aligned, &summary, &error, &aligner)) << error;
-  EXPECT_GE(aligner.aligned(), DemoScene::kFrames / 3);
-  auto psnr = [&, crop = aligner.crop()](const std::vector<uint8_t>& picture) {
-    double sum = 0.0;
-    long n = 0;
-    for (int y = crop.top; y < crop.bottom; ++y) {
-      for (int x = crop.left; x < crop.right; ++x) {
-        const size_t i = size_t(y) * kW + x;
-        const double d = double(picture[i]) - double(truth[i]);
-        if (still[i]) sum += d * d, ++n;
-      }
-    }
-    return 10.0 * std::log10(255.0 * 255.0 / (sum / double(n)));
-  };
-  const double psnr_plain = psnr(plain), psnr_aligned = psnr(aligned);
-  EXPECT_GE(psnr_aligned, 30.0) << "unaligned " << psnr_plain;
-  EXPECT_GE(psnr_aligned - psnr_plain, 6.0) << "aligned " << psnr_aligned;
 }
 
 }  // namespace
