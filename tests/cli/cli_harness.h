@@ -14,7 +14,6 @@ extern "C" {
 #include <turbojpeg.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -86,10 +85,9 @@ inline RunResult RunTool(const std::string& args, const std::string& cwd,
 
 inline size_t FrameBytes(int width, int height) { return size_t(width) * height * 3 / 2; }
 
-// 8-bit RGB rows as PNG, or with deep as 16-bit (the same colours), or with jpeg as a 4:2:0
-// JPEG of quality 100.
+// 8-bit RGB rows as PNG or, with jpeg, as a 4:2:0 JPEG of quality 100.
 inline void WritePicture(const std::string& path, int width, int height,
-                         const std::vector<uint8_t>& rgb, bool deep = false, bool jpeg = false) {
+                         const std::vector<uint8_t>& rgb, bool jpeg = false) {
   if (jpeg) {  // through libjpeg's own RGB to YCbCr
     tjhandle tj = tjInitCompress();
     unsigned char* bytes = nullptr;
@@ -104,11 +102,8 @@ inline void WritePicture(const std::string& path, int width, int height,
   png.version = PNG_IMAGE_VERSION;
   png.width = uint32_t(width);
   png.height = uint32_t(height);
-  png.format = deep ? PNG_FORMAT_LINEAR_RGB : PNG_FORMAT_RGB;
-  std::vector<uint16_t> wide(rgb.size());
-  std::transform(rgb.begin(), rgb.end(), wide.begin(), [](uint8_t v) { return v * 257; });
-  const void* pixels = deep ? static_cast<const void*>(wide.data()) : rgb.data();
-  ASSERT_NE(png_image_write_to_file(&png, path.c_str(), 0, pixels, 0, nullptr), 0);
+  png.format = PNG_FORMAT_RGB;
+  ASSERT_NE(png_image_write_to_file(&png, path.c_str(), 0, rgb.data(), 0, nullptr), 0);
 }
 
 // One command line and what it must give. With error: exit 2, nothing on standard output and

@@ -1,13 +1,10 @@
-// The tool's pieces, linked in directly: size parsing, output names, colour conversion both ways,
-// frame selection, and the demo's burst.
+// The tool's pieces, linked in directly: size parsing, output names, colour conversion both ways.
 #include <gtest/gtest.h>
 
 #include <tuple>
 
 #include "bt601.h"
 #include "convert.h"
-#include "demo_scene.h"
-#include "inputs.h"
 
 namespace velmora::tool {
 namespace {
@@ -15,14 +12,13 @@ namespace {
 // Even, non-zero sides up to 16384 written WIDTHxHEIGHT and nothing more; a refusal says why.
 TEST(ParseSize, AcceptsEvenNonZeroWidthByHeightOnly) {
   const std::tuple<const char*, uint32_t, uint32_t, const char*> cases[] = {
-      {"64x48", 64, 48, ""},      {"1920X1080", 1920, 1080, ""},  {"2x2", 2, 2, ""},
-      {"0064x0048", 64, 48, ""},  {"16384x16384", 16384, 16384, ""},
-      {"63x48", 0, 0, "even"},    {"64x47", 0, 0, "even"},         {"0x48", 0, 0, "non-zero"},
-      {"64x0", 0, 0, "non-zero"}, {"16386x2", 0, 0, "at most 16384"},
-      {"99999999999999999999x2", 0, 0, "at most 16384"},           {"", 0, 0, "WIDTHxHEIGHT"},
-      {"64", 0, 0, "WIDTHxHEIGHT"},      {"64x", 0, 0, "WIDTHxHEIGHT"},
-      {"x48", 0, 0, "WIDTHxHEIGHT"},     {"64x48x2", 0, 0, "WIDTHxHEIGHT"},
-      {"-64x48", 0, 0, "WIDTHxHEIGHT"},  {"64x48 ", 0, 0, "WIDTHxHEIGHT"}};
+      {"64x48", 64, 48, ""}, {"1920X1080", 1920, 1080, ""}, {"2x2", 2, 2, ""},
+      {"0064x0048", 64, 48, ""}, {"16384x16384", 16384, 16384, ""}, {"63x48", 0, 0, "even"},
+      {"64x47", 0, 0, "even"}, {"0x48", 0, 0, "non-zero"}, {"64x0", 0, 0, "non-zero"},
+      {"16386x2", 0, 0, "at most 16384"}, {"99999999999999999999x2", 0, 0, "at most 16384"},
+      {"", 0, 0, "WIDTHxHEIGHT"}, {"64", 0, 0, "WIDTHxHEIGHT"}, {"64x", 0, 0, "WIDTHxHEIGHT"},
+      {"x48", 0, 0, "WIDTHxHEIGHT"}, {"64x48x2", 0, 0, "WIDTHxHEIGHT"},
+      {"-64x48", 0, 0, "WIDTHxHEIGHT"}, {"64x48 ", 0, 0, "WIDTHxHEIGHT"}};
   for (const auto& [text, width, height, reason] : cases) {
     FrameGeometry geometry;
     std::string why;
@@ -80,31 +76,6 @@ TEST(OutputPattern, OneFrameNumberAsPercentDWithOptionalZeroPadding) {
     EXPECT_EQ(std::make_pair(found, OutputPathFor(pattern, numbered, 7)),
               std::make_pair(numbered, std::string(seventh)));
   }
-}
-
-TEST(SelectedCount, SkipsThenTakesOneInEveryUpToTheLimit) {
-  constexpr size_t kAll = kUnknownFrameCount;
-  const size_t cases[][5] = {  // count, start, every, limit, selected
-      {10, 0, 1, kAll, 10}, {10, 3, 1, kAll, 7},  {10, 0, 3, kAll, 4}, {10, 1, 3, kAll, 3},
-      {10, 0, 1, 4, 4},     {10, 10, 1, kAll, 0}, {10, 20, 2, 5, 0},   {kAll, 2, 2, 5, kAll}};
-  for (const auto& c : cases)
-    EXPECT_EQ(SelectedCount(c[0], c[1], c[2], c[3]), c[4]) << "case " << &c - cases;
-}
-
-constexpr int kW = int(DemoScene::kWidth), kH = int(DemoScene::kHeight);
-
-TEST(DemoScene, WaterMovesBetweenFramesWhileTheSceneStaysStill) {
-  DemoScene scene;
-  std::vector<uint8_t> first(scene.geometry().frameBytes()), second(first);
-  std::string error;
-  ASSERT_TRUE(scene.next(first.data(), &error) && scene.next(second.data(), &error));
-  size_t sky = 0, river = 0;  // pixels changed in the sky, hills and forest; mid-river
-  for (size_t i = 0; i < size_t{kW} * kH; ++i) {
-    sky += first[i] != second[i] && i / kW < 300;
-    river += first[i] != second[i] && i / kW >= 400 && i / kW < 560;
-  }
-  EXPECT_EQ(sky, 0u);
-  EXPECT_GT(river, size_t{kW} * 160 / 4);
 }
 
 }  // namespace
