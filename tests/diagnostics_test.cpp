@@ -71,9 +71,10 @@ TEST(Utils, StepTimeAndFpsLogAndRestart) {
 TEST(Utils, SearchFindsTheFirstOfCountEntriesAgreeingInNCharacters) {
   _mem_info list[3] = {{"MemTotal:", 1, "kB"}, {"MemFree:", 2, "kB"}, {"Cached:", 3, "kB"}};
   char* strings[3] = {list[0].name, list[1].name, list[2].name};
-  for (const auto& [key, count, n, want] :
-       {std::tuple{"Mem", 3, 3, 0}, {"MemFree:", 3, 8, 1}, {"MemFree:", 1, 8, -1},
-        {"Cached:", 0, 7, -1}, {"MemFr", 3, 9, -1}, {"Cache", 3, 5, 2}}) {
+  const std::tuple<const char*, int, int, int> cases[] = {
+      {"Mem", 3, 3, 0},      {"MemFree:", 3, 8, 1}, {"MemFree:", 1, 8, -1},
+      {"Cached:", 0, 7, -1}, {"MemFr", 3, 9, -1},   {"Cache", 3, 5, 2}};
+  for (const auto& [key, count, n, want] : cases) {
     EXPECT_EQ(Utils::getInstance()->searchMemInfo(list, key, count, n), want) << key;
     EXPECT_EQ(Utils::getInstance()->searchString(strings, key, count, n), want) << key;
   }
@@ -99,29 +100,27 @@ TEST(Utils, SystemFiguresReadFromMeminfoLines) {
   const auto lines = std::count(text.begin(), text.end(), '\n');
   _mem_info out[8];
   for (_mem_info& m : out) m = {"-", 7, "-"};
-  Utils* u = Utils::getInstance();
-  ExpectLines(LogsOf([&] { u->getMemInfo(out); }), "getMemInfo",
+  ExpectLines(LogsOf([&] { Utils::getInstance()->getMemInfo(out); }), "getMemInfo",
               {"select_count 8 mNumMemInfo " + std::to_string(std::min(50L, lines + 1))});
   std::vector<std::string> keys = {"MemTotal:", "MemFree:", "MemAvailable:", "Buffers:", "Cached:"};
   for (int k = 0; k < 8; ++k) EXPECT_EQ(out[k].name, k < 5 ? keys[k] : "-");
   for (std::string& key : keys) key += " [0-9]+ kB";
   keys.insert(keys.begin(), "\\*\\*\\* current memory info start \\*\\*\\*");
   keys.push_back("\\*\\*\\* current memory info end \\*\\*\\*\n");
-  ExpectLines(LogsOf([u] { u->printfMemInfo(); }), "printfMemInfo", keys);
+  ExpectLines(LogsOf([] { Utils::getInstance()->printfMemInfo(); }), "printfMemInfo", keys);
 }
 
 // The status file's four keys in order; the report's odd blanks.
 TEST(Utils, ProcessFiguresMatchTheStatusFile) {
-  Utils* u = Utils::getInstance();
   _mem_info out[4] = {};
-  u->getPidMemInfo(out);
+  Utils::getInstance()->getPidMemInfo(out);
   std::vector<std::string> keys = {"VmPeak:", "VmSize:", "VmHWM:", "VmRSS:"};
   for (int k = 0; k < 4; ++k) EXPECT_EQ(out[k].name, keys[k]);
   const std::string pid = std::to_string(getpid());
   for (std::string& key : keys) key += " [0-9]+ kB";
   keys.insert(keys.begin(), " \\*\\*\\* current pid : " + pid + " memory info start \\*\\*\\*");
   keys.push_back("\\*\\*\\* current pid : " + pid + "  memory info end \\*\\*\\*\n");
-  ExpectLines(LogsOf([u] { u->printfPidMemInfo(); }), "printfPidMemInfo", keys);
+  ExpectLines(LogsOf([] { Utils::getInstance()->printfPidMemInfo(); }), "printfPidMemInfo", keys);
 }
 
 // Null pointers and zero sizes touch nothing; realloc neither allocates nor frees on them.
