@@ -5,9 +5,6 @@
 // handle is stopped before it is started again or released.
 #include <semaphore.h>
 
-#include <cstdint>
-#include <vector>
-
 #include "common/threadPool.h"
 #include "fuzz_input.h"
 #include "velmora/flowing_water.h"
@@ -17,7 +14,6 @@ namespace {
 using velmora::fuzz::FuzzInput;
 
 constexpr int kMaxSide = 48;
-constexpr uint32_t kPlaneCap = kMaxSide * kMaxSide;
 // Each start and stop creates and joins the worker thread: a cap on the calls keeps an input fast.
 constexpr int kMaxOps = 40;
 
@@ -42,7 +38,7 @@ struct App {
   bool running = false;
   uint32_t accepted = 0;  // frames of this run the library took
   uint32_t cap[2] = {};   // plane sizes of this run's first frame
-  std::vector<uint8_t> out[2] = {std::vector<uint8_t>(kPlaneCap), std::vector<uint8_t>(kPlaneCap)};
+  uint8_t out[2][kMaxSide * kMaxSide];
 
   void Frame(FuzzInput& in) {
     image frame{};
@@ -52,16 +48,15 @@ struct App {
     const bool null_image = in.Range(0, 15) == 0;
     const bool takes =
         running && !null_image && frame.plane_num == 2 && (frame.format == 4 || frame.format == 5);
-    std::vector<uint8_t> planes[2];
+    std::unique_ptr<uint8_t[]> planes[2];
     for (int p = 0; p < 2; ++p) {
       image_plane& plane = frame.planes[p];
       plane.width = in.Range(0, kMaxSide);
       plane.height = in.Range(0, kMaxSide);
       if (takes && accepted > 0 && plane.width * plane.height > cap[p])
         plane.height = plane.width ? cap[p] / plane.width : 0;
-      planes[p].resize(plane.width * plane.height);
-      in.Fill(planes[p].data(), planes[p].size());
-      plane.data = planes[p].empty() ? nullptr : planes[p].data();
+      planes[p] = in.Bytes(plane.width * plane.height);
+      plane.data = plane.width * plane.height ? planes[p].get() : nullptr;
     }
     rect roi{in.Range(-9, 9), in.Range(-9, 9), in.Range(0, 99), in.Range(0, 99)};
     // Only the run's first frame reads its rect.
@@ -75,7 +70,7 @@ struct App {
 
   void Result(FuzzInput& in) {
     image result{};
-    for (int p = 0; p < 2; ++p) result.planes[p].data = in.Range(0, 7) ? out[p].data() : nullptr;
+    for (int p = 0; p < 2; ++p) result.planes[p].data = in.Range(0, 7) ? out[p] : nullptr;
     rect roi{};
     api.get_process_image_result(handle, in.Range(0, 15) ? &result : nullptr, &roi);
   }

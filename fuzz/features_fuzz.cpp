@@ -1,10 +1,7 @@
 // Features and registration: goodFeaturesToTrack, genDescripter and calImageFeatures on random
 // images of random sizes (tiny included), findMatch on any descriptors, and the registration
 // driver on random keypoint and descriptor sets.
-#include <cstdint>
 #include <cstdlib>
-#include <memory>
-#include <vector>
 
 #include "fuzz_input.h"
 #include "velmora/features.h"
@@ -88,8 +85,7 @@ void Run(FuzzInput& in) {
       const bool one_buffer = in.Bool();
       a.Read(in, count_a, true);
       b.Read(in, count_b, true);
-      std::vector<Pointf> points_a = Keypoints(in, count_a, w, h);
-      std::vector<Pointf> points_b = Keypoints(in, count_b, w, h);
+      auto points_a = Keypoints(in, count_a, w, h), points_b = Keypoints(in, count_b, w, h);
       double H[9];
       for (int i = 0; i < 9; ++i) H[i] = (i % 4 == 0) + static_cast<int8_t>(in.Byte()) / 256.0;
       Rect crop{0, 0, w, h};

@@ -1,7 +1,5 @@
 // The smoothing, gradient and sharpen filters and the NV12/NV21 conversions and scalings, on
 // random sizes (tiny included) with buffers exactly as large as the sizes say.
-#include <cstdint>
-#include <memory>
 
 #include "fuzz_input.h"
 #include "velmora/filters.h"
@@ -23,8 +21,7 @@ std::unique_ptr<float[]> Floats(FuzzInput& in, size_t n) {
 
 // A 4:2:0 frame in one buffer: luma, then the chroma rows, rounded up for odd sizes.
 size_t FrameBytes(int width, int height) {
-  return static_cast<size_t>(width) * height +
-         2 * static_cast<size_t>((height + 1) / 2) * ((width + 1) / 2);
+  return size_t(width) * height + 2 * size_t((height + 1) / 2) * ((width + 1) / 2);
 }
 
 void Run(FuzzInput& in) {

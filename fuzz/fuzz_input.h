@@ -1,14 +1,13 @@
 // The fuzzers' one reader of their input: every size, choice and pixel of a case is taken from
 // the input bytes, front to back, so an input alone replays what it found. Past the end every
-// read gives zero. SeedWriter writes values in the same order and widths, which is how the seed
-// generator spells out valid cases. Buffers are std::make_unique<T[]>(n): exactly n elements and
-// never null, not even for n = 0 (an app's empty plane still has an address), so AddressSanitizer
-// sees any access beyond the end.
+// read gives zero. Each target's seed generator spells out valid cases as the bytes these reads
+// take (a range of at most 256 values takes one byte, the value less lo). Buffers are
+// std::make_unique<T[]>(n): exactly n elements and never null, not even for n = 0 (an app's empty
+// plane still has an address), so AddressSanitizer sees any access beyond the end.
 #ifndef VELMORA_FUZZ_INPUT_H
 #define VELMORA_FUZZ_INPUT_H
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,12 +21,6 @@
 
 namespace velmora::fuzz {
 
-// Bytes a value of the span hi - lo takes: 1, 2 or 4.
-inline int SpanBytes(int64_t lo, int64_t hi) {
-  const uint64_t span = static_cast<uint64_t>(hi - lo);
-  return span < 0x100 ? 1 : span < 0x10000 ? 2 : 4;
-}
-
 class FuzzInput {
  public:
   FuzzInput(const uint8_t* data, size_t size) : data_(data), size_(size) {}
@@ -36,16 +29,18 @@ class FuzzInput {
 
   uint64_t Raw(int bytes) {  // little-endian
     uint64_t v = 0;
-    for (int i = 0; i < bytes; ++i) v |= uint64_t{Next()} << (8 * i);
+    for (int i = 0; i < bytes; ++i) v |= uint64_t{Byte()} << (8 * i);
     return v;
   }
-  uint8_t Byte() { return Next(); }
-  bool Bool() { return Next() & 1; }
+  uint8_t Byte() { return pos_ < size_ ? data_[pos_++] : 0; }
+  bool Bool() { return Byte() & 1; }
 
   // A value in lo..hi, both included.
+  // It takes as few bytes as the span needs: 1, 2 or 4.
   int Range(int lo, int hi) {
     const uint64_t span = static_cast<uint64_t>(int64_t{hi} - lo) + 1;
-    return static_cast<int>(lo + static_cast<int64_t>(Raw(SpanBytes(lo, hi)) % span));
+    const uint64_t raw = Raw(span <= 0x100 ? 1 : span <= 0x10000 ? 2 : 4);
+    return static_cast<int>(lo + static_cast<int64_t>(raw % span));
   }
   // A float or double of any bit pattern: NaNs, infinities and subnormals included. The value's
   // bytes are the low ones of Raw on the little-endian hosts we build for.
@@ -57,45 +52,21 @@ class FuzzInput {
     return v;
   }
 
-  // Fills n bytes: what the input has left, then that much repeated, so a short input still
-  // gives a textured picture rather than a flat one.
-  void Fill(uint8_t* dst, size_t n) {
-    const size_t take = std::min(remaining(), n);
-    std::copy_n(data_ + pos_, take, dst);
-    pos_ += take;
-    for (size_t i = take; i < n; ++i) dst[i] = take ? dst[i - take] : 0;
-  }
+  // n bytes: what the input has left, then that much repeated, so a short input still gives a
+  // textured picture rather than a flat one.
   std::unique_ptr<uint8_t[]> Bytes(size_t n) {
     auto v = std::make_unique<uint8_t[]>(n);
-    Fill(v.get(), n);
+    const size_t take = std::min(remaining(), n);
+    std::copy_n(data_ + pos_, take, v.get());
+    pos_ += take;
+    for (size_t i = take; i < n; ++i) v[i] = take ? v[i - take] : 0;
     return v;
   }
 
-  // Runs the case on one of the kernel variants this machine has: vector and scalar alike.
-  Isa PickIsa() {
-    const std::vector<Isa> isas = AvailableIsas();
-    return isas[Byte() % isas.size()];
-  }
-
  private:
-  uint8_t Next() { return pos_ < size_ ? data_[pos_++] : 0; }
-
   const uint8_t* data_;
   size_t size_;
   size_t pos_ = 0;
-};
-
-struct SeedWriter {
-  void Raw(uint64_t v, int bytes) {
-    for (int i = 0; i < bytes; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-  }
-  void Byte(uint8_t v) { out.push_back(v); }
-  void Range(int v, int lo, int hi) {
-    Raw(static_cast<uint64_t>(int64_t{v} - lo), SpanBytes(lo, hi));
-  }
-  void Bytes(const std::vector<uint8_t>& v) { out.insert(out.end(), v.begin(), v.end()); }
-
-  std::vector<uint8_t> out;
 };
 
 using Seeds = std::vector<std::vector<uint8_t>>;
@@ -119,19 +90,21 @@ inline void WriteSeedsIfAsked(Seeds (*make)()) {
 }  // namespace velmora::fuzz
 
 // A target's two entry points: its seeds on request (see WriteSeedsIfAsked), and each input run
-// by `run`, on the kernel variant the input's first byte picks when the target has variants
-// (kVariants: that byte is part of every input, seeds and kept findings alike).
+// by `run`, on the kernel variant the input's first byte picks, vector and scalar alike, when the
+// target has variants (kVariants: that byte is part of every input, seeds and kept findings).
 enum FuzzVariants { kOneVariant, kVariants };
-#define VELMORA_FUZZ_TARGET(make_seeds, run, variants)                                     \
-  extern "C" int LLVMFuzzerInitialize(int*, char***) {                                     \
-    velmora::fuzz::WriteSeedsIfAsked(make_seeds);                                          \
-    return 0;                                                                              \
-  }                                                                                        \
-  extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {                \
-    velmora::fuzz::FuzzInput in(data, size);                                               \
-    velmora::ScopedIsa isa((variants) == kVariants ? in.PickIsa() : velmora::ActiveIsa()); \
-    run(in);                                                                               \
-    return 0;                                                                              \
+#define VELMORA_FUZZ_TARGET(make_seeds, run, variants)                             \
+  extern "C" int LLVMFuzzerInitialize(int*, char***) {                             \
+    velmora::fuzz::WriteSeedsIfAsked(make_seeds);                                  \
+    return 0;                                                                      \
+  }                                                                                \
+  extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {        \
+    velmora::fuzz::FuzzInput in(data, size);                                       \
+    const std::vector<velmora::Isa> isas = velmora::AvailableIsas();               \
+    velmora::ScopedIsa isa((variants) == kVariants ? isas[in.Byte() % isas.size()] \
+                                                   : velmora::ActiveIsa());        \
+    run(in);                                                                       \
+    return 0;                                                                      \
   }
 
 #endif  // VELMORA_FUZZ_INPUT_H

@@ -1,8 +1,6 @@
 // Homography estimation and the homography utilities: findHomography on random, duplicate,
 // collinear and exactly related point sets of any count (four and fewer included), the kernel
 // and the eigen solver on their own, and invert, diffH and cropAndThrow on any matrix.
-#include <cstdint>
-#include <vector>
 
 #include "fuzz_input.h"
 #include "velmora/homography.h"
@@ -11,7 +9,6 @@
 namespace {
 
 using velmora::fuzz::FuzzInput;
-using velmora::fuzz::SeedWriter;
 
 constexpr int kMaxPoints = 48;
 enum Fn { kFind, kRansac, kKernel, kJacobi, kUtils, kFnCount };
@@ -19,10 +16,8 @@ enum Points { kExact, kBits, kGrid, kCollinear, kPointsCount };
 
 // dst = G·src for a G near the identity, or points of one of the degenerate kinds; now and then
 // (always for points of any bits) an outlier instead.
-void ReadPoints(FuzzInput& in, int count, std::vector<Point2D64f>& src,
-                std::vector<Point2D64f>& dst) {
-  src.resize(count);
-  dst.resize(count);
+std::pair<std::vector<Point2D64f>, std::vector<Point2D64f>> ReadPoints(FuzzInput& in, int count) {
+  std::vector<Point2D64f> src(count), dst(count);
   const int kind = in.Range(0, kPointsCount - 1);
   double G[9];
   for (int i = 0; i < 9; ++i) G[i] = (i % 4 == 0) + static_cast<int8_t>(in.Byte()) / 512.0;
@@ -42,6 +37,7 @@ void ReadPoints(FuzzInput& in, int count, std::vector<Point2D64f>& src,
     q = {(G[0] * p.x + G[1] * p.y + G[2]) / w, (G[3] * p.x + G[4] * p.y + G[5]) / w};
     if (kind == kBits || in.Range(0, 7) == 0) q = {in.Bits<double>(), in.Bits<double>()};
   }
+  return {src, dst};
 }
 
 void Run(FuzzInput& in) {
@@ -54,13 +50,12 @@ void Run(FuzzInput& in) {
     rng = in.Raw(8);
     if (rng == 0 || rng == kStuck) rng = ~uint64_t{0};
   }
-  std::vector<Point2D64f> src, dst;
   switch (fn) {
     case kFind: {
       checkPartialSubsets = in.Range(0, 7) == 0;
       const int count = in.Range(0, kMaxPoints);
       const double threshold = in.Range(0, 7) ? in.Range(-1, 8) / 2.0 : in.Bits<double>();
-      ReadPoints(in, count, src, dst);
+      auto [src, dst] = ReadPoints(in, count);
       double H[9] = {};
       findHomography(src, dst, H, threshold, count);
       checkPartialSubsets = false;
@@ -71,7 +66,7 @@ void Run(FuzzInput& in) {
       const int count = in.Range(0, kMaxPoints), model_points = in.Range(1, 9);
       const double threshold = in.Bits<double>(), confidence = in.Bits<double>();
       const int max_iters = in.Range(-2, 200);
-      ReadPoints(in, count, src, dst);
+      auto [src, dst] = ReadPoints(in, count);
       std::vector<unsigned char> mask(count);
       double model[9] = {};
       runRANSAC(count, model_points, src.data(), dst.data(), model, mask.data(), threshold,
@@ -81,7 +76,7 @@ void Run(FuzzInput& in) {
       break;
     }
     case kKernel: {
-      ReadPoints(in, in.Range(0, kMaxPoints), src, dst);
+      auto [src, dst] = ReadPoints(in, in.Range(0, kMaxPoints));
       double H[9];
       runKernel(static_cast<int>(src.size()), src.data(), dst.data(), H);
       break;
@@ -110,21 +105,20 @@ void Run(FuzzInput& in) {
   }
 }
 
-// Per function and kind of points: the generator's initial value where one is read; for
-// findHomography no partial check, 12 points and a threshold of 3, for the kernel 12 points (each
-// of these ranges takes one byte); then small bytes, so that a matrix stays near the identity and
-// the points in view.
+// Per function and kind of points: the generator's state (its initial value, all ones) where
+// one is read; for findHomography no partial check, 12 points and a threshold of 3, for the
+// kernel 12 points; then small bytes, so that a matrix stays near the identity and the points in
+// view.
 velmora::fuzz::Seeds MakeSeeds() {
   velmora::fuzz::Seeds seeds;
-  for (int fn = 0; fn < kFnCount; ++fn) {
+  for (uint8_t fn = 0; fn < kFnCount; ++fn) {
     for (uint8_t kind = 0; kind < kPointsCount; ++kind) {
-      SeedWriter w;
-      w.Range(fn, 0, kFnCount - 1);
-      if (fn == kFind || fn == kRansac) w.Raw(~uint64_t{0}, 8);
-      if (fn == kFind) w.Bytes({1, 12, 1, 7, kind});
-      if (fn == kKernel) w.Bytes({12, kind});
-      for (int i = 0; i < 200; ++i) w.Byte(static_cast<uint8_t>((i * 29 + kind) % 23 + 1));
-      seeds.push_back(w.out);
+      std::vector<uint8_t> seed = {fn};
+      if (fn == kFind || fn == kRansac) seed.insert(seed.end(), 8, 0xFF);
+      if (fn == kFind) seed.insert(seed.end(), {1, 12, 1, 7, kind});
+      if (fn == kKernel) seed.insert(seed.end(), {12, kind});
+      for (int i = 0; i < 200; ++i) seed.push_back(static_cast<uint8_t>((i * 29 + kind) % 23 + 1));
+      seeds.push_back(seed);
     }
   }
   return seeds;
