@@ -35,8 +35,7 @@ class FuzzInput {
   uint8_t Byte() { return pos_ < size_ ? data_[pos_++] : 0; }
   bool Bool() { return Byte() & 1; }
 
-  // A value in lo..hi, both included.
-  // It takes as few bytes as the span needs: 1, 2 or 4.
+  // A value in lo..hi, both included, from as few bytes as the span needs: 1, 2 or 4.
   int Range(int lo, int hi) {
     const uint64_t span = static_cast<uint64_t>(int64_t{hi} - lo) + 1;
     const uint64_t raw = Raw(span <= 0x100 ? 1 : span <= 0x10000 ? 2 : 4);
