@@ -1,9 +1,7 @@
 // Features and registration: goodFeaturesToTrack, genDescripter and calImageFeatures on random
 // images of random sizes (tiny included), findMatch on any descriptors, and the registration
 // driver on random keypoint and descriptor sets.
-#include <cstdint>
 #include <cstdlib>
-#include <vector>
 
 #include "fuzz_input.h"
 #include "velmora/features.h"
@@ -11,9 +9,7 @@
 
 namespace {
 
-using velmora::fuzz::Buffer;
 using velmora::fuzz::FuzzInput;
-using velmora::fuzz::SeedWriter;
 
 constexpr int kMaxSide = 64;
 enum Fn { kCorners, kDescribe, kFeatures, kMatch, kRegister, kFnCount };
@@ -29,9 +25,9 @@ struct Descriptors {
   void Read(FuzzInput& in, int count, bool finite) {
     const bool bits = !finite && in.Bool();
     for (int i = 0; i < count; ++i) {
-      float* d = static_cast<float*>(std::malloc(kDescriptorFloats * sizeof(float)));
-      for (int k = 0; k < kDescriptorFloats; ++k) d[k] = bits ? in.Float() : in.Range(0, 255) / 255.0f;
-      set.push_back(d);
+      set.push_back(static_cast<float*>(std::malloc(kDescriptorFloats * sizeof(float))));
+      for (int k = 0; k < kDescriptorFloats; ++k)
+        set.back()[k] = bits ? in.Bits<float>() : in.Range(0, 255) / 255.0f;
     }
   }
 };
@@ -45,6 +41,9 @@ std::vector<Pointf> Keypoints(FuzzInput& in, int count, int width, int height) {
 void Run(FuzzInput& in) {
   const int fn = in.Range(0, kFnCount - 1);
   const int width = in.Range(0, kMaxSide), height = in.Range(0, kMaxSide);
+  const size_t pixels = static_cast<size_t>(width) * height;
+  std::vector<Pointf> points;
+  Descriptors a, b;
   switch (fn) {
     case kCorners: {
       // Mostly sizes an app passes, now and then any int.
@@ -52,36 +51,26 @@ void Run(FuzzInput& in) {
       const int max_corners = any ? static_cast<int>(in.Raw(4)) : in.Range(-2, 600);
       const int min_distance = any ? static_cast<int>(in.Raw(4)) : in.Range(-2, 80);
       const int block_size = any ? static_cast<int>(in.Raw(4)) : in.Range(-1, 7);
-      const double quality = in.Bool() ? in.Double() : in.Range(0, 100) / 100.0;
-      Buffer<uint8_t> img = in.Bytes(static_cast<size_t>(width) * height);
-      std::vector<Pointf> corners;
-      goodFeaturesToTrack(img.data(), corners, width, height, max_corners, quality, min_distance,
-                          block_size);
+      const double quality = in.Bool() ? in.Bits<double>() : in.Range(0, 100) / 100.0;
+      goodFeaturesToTrack(in.Bytes(pixels).get(), points, width, height, max_corners, quality,
+                          min_distance, block_size);
       break;
     }
-    case kDescribe: {
-      std::vector<Pointf> points = Keypoints(in, in.Range(0, 8), width, height);
-      std::vector<velmora::fuzz::Buffer<float>> blocks;
-      std::vector<float*> descriptors;
-      for (size_t i = 0; i < points.size(); ++i) {
-        blocks.emplace_back(kDescriptorFloats);
-        descriptors.push_back(blocks.back().data());
-      }
-      Buffer<uint8_t> img = in.Bytes(static_cast<size_t>(width) * height);
-      genDescripter(img.data(), points, descriptors, width, height);
+    case kDescribe:  // into blocks of whatever values
+      points = Keypoints(in, in.Range(0, 8), width, height);
+      a.Read(in, static_cast<int>(points.size()), true);
+      genDescripter(in.Bytes(pixels).get(), points, a.set, width, height);
       break;
-    }
     case kFeatures: {
       const bool own_copy = in.Bool();
-      Buffer<uint8_t> img = in.Bytes(static_cast<size_t>(width) * height);
-      std::vector<Pointf> points;
-      Descriptors descriptors;
-      if (own_copy) calImageFeatures(img.data(), points, descriptors.set, width, height);
-      else calImageFeatures_1(img.data(), points, descriptors.set, width, height);
+      auto img = in.Bytes(pixels);
+      if (own_copy)
+        calImageFeatures(img.get(), points, a.set, width, height);
+      else
+        calImageFeatures_1(img.get(), points, a.set, width, height);
       break;
     }
     case kMatch: {
-      Descriptors a, b;
       a.Read(in, in.Range(0, 12), false);
       b.Read(in, in.Range(0, 12), false);
       std::vector<Match> matches;
@@ -94,64 +83,48 @@ void Run(FuzzInput& in) {
       const int w = width & ~1, h = height & ~1;
       const int count_a = in.Range(0, 40), count_b = in.Range(1, 40);
       const bool one_buffer = in.Bool();
-      Descriptors a, b;
       a.Read(in, count_a, true);
       b.Read(in, count_b, true);
-      std::vector<Pointf> points_a = Keypoints(in, count_a, w, h);
-      std::vector<Pointf> points_b = Keypoints(in, count_b, w, h);
+      auto points_a = Keypoints(in, count_a, w, h), points_b = Keypoints(in, count_b, w, h);
       double H[9];
       for (int i = 0; i < 9; ++i) H[i] = (i % 4 == 0) + static_cast<int8_t>(in.Byte()) / 256.0;
       Rect crop{0, 0, w, h};
       char thrown = 0;
       const size_t luma = static_cast<size_t>(w) * h;
-      Buffer<uint8_t> src = in.Bytes(luma + luma / 2), dst(luma + luma / 2);
+      auto src = in.Bytes(luma + luma / 2), dst = std::make_unique<uint8_t[]>(luma + luma / 2);
       if (one_buffer) {
-        imageRegistration(src.data(), dst.data(), a.set, b.set, points_a, points_b, w, h,
-                          &thrown, &crop, H);
+        imageRegistration(src.get(), dst.get(), a.set, b.set, points_a, points_b, w, h, &thrown,
+                          &crop, H);
       } else {
-        Buffer<uint8_t> dst_uv(luma / 2);
-        imageRegistration_1(src.data(), src.data() + luma, dst.data(), dst_uv.data(), a.set,
-                            b.set, points_a, points_b, w, h, &thrown, &crop, H);
+        auto dst_uv = std::make_unique<uint8_t[]>(luma / 2);
+        imageRegistration_1(src.get(), src.get() + luma, dst.get(), dst_uv.get(), a.set, b.set,
+                            points_a, points_b, w, h, &thrown, &crop, H);
       }
       break;
     }
   }
 }
 
+// Per function: the ISA, the function, 40 x 30; the corner search's parameters (50 corners, 5
+// apart, blocks of 3, quality 0.01); for registration one frame against itself (equal sets give
+// matches of distance 0 and the identity): 40 points in each set, one buffer, the descriptors,
+// the keypoints (x and y in turn), the identity. Then the image: bright squares on a dark ground,
+// corners to find.
 velmora::fuzz::Seeds MakeSeeds() {
   velmora::fuzz::Seeds seeds;
-  for (int fn = 0; fn < kFnCount; ++fn) {
-    SeedWriter w;
-    w.Byte(0);  // the ISA
-    w.Range(fn, 0, kFnCount - 1);
-    w.Range(40, 0, kMaxSide);
-    w.Range(30, 0, kMaxSide);
-    if (fn == kCorners) {
-      w.Range(1, 0, 7);
-      w.Range(50, -2, 600);
-      w.Range(5, -2, 80);
-      w.Range(3, -1, 7);
-      w.Byte(0);
-      w.Range(1, 0, 100);
-    }
+  for (uint8_t fn = 0; fn < kFnCount; ++fn) {
+    std::vector<uint8_t> w = {0, fn, 40, 30};
+    if (fn == kCorners) w.insert(w.end(), {1, 52, 0, 7, 4, 0, 1});
     if (fn == kRegister) {
-      // One frame against itself: equal sets give matches of distance 0 and the identity.
-      const int count = 40;
-      for (int bound : {0, 1}) w.Range(count, bound, 40);
-      w.Byte(1);  // one buffer
-      for (int set = 0; set < 2; ++set)
-        for (int i = 0; i < count * kDescriptorFloats; ++i) w.Byte(static_cast<uint8_t>(i * 7 % 251));
-      for (int set = 0; set < 2; ++set)
-        for (int i = 0; i < count; ++i) {
-          w.Range(i * 13 % 40, -8, 48);
-          w.Range(i * 7 % 30, -8, 38);
-        }
-      for (int i = 0; i < 9; ++i) w.Byte(0);
+      w.insert(w.end(), {40, 39, 1});
+      for (int i = 0; i < 2 * 40 * kDescriptorFloats; ++i)
+        w.push_back(static_cast<uint8_t>(i % (40 * kDescriptorFloats) * 7 % 251));
+      for (int i = 0; i < 4 * 40; ++i) w.push_back(static_cast<uint8_t>(i % 80 * 11 % 29 + 8));
+      w.insert(w.end(), 9, 0);
     }
-    // The image: bright squares on a dark ground, corners to find.
     for (int y = 0; y < 45; ++y)
-      for (int x = 0; x < 40; ++x) w.Byte((x / 8 + y / 8) % 2 ? 220 : 30);
-    seeds.push_back(w.out);
+      for (int x = 0; x < 40; ++x) w.push_back((x / 8 + y / 8) % 2 ? 220 : 30);
+    seeds.push_back(w);
   }
   return seeds;
 }
