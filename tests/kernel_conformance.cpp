@@ -24,8 +24,6 @@ INSTANTIATE_TEST_SUITE_P(Isa, KernelConformance, ::testing::ValuesIn([] {
                              if (isa != Isa::kScalar) isas.push_back(isa);
                            return isas;
                          }()),
-                         [](const ::testing::TestParamInfo<Isa>& info) {
-                           return IsaName(info.param);
-                         });
+                         ::testing::PrintToStringParamName());  // named by PrintTo: the ISA
 
 }  // namespace velmora

@@ -1,6 +1,8 @@
 // The capture of what the library hands to the Android log (see test_util.h), in a file of its own
 // so that programs linking the test utilities without wanting it (the benchmarks) keep the
-// library's own sink: the linker brings this in only for TakeLogRecords or WaitForLogText.
+// library's own sink: the linker brings this in only for TakeLogRecords, WaitForLogText or LogsOf.
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -28,6 +30,14 @@ bool WaitForLogText(const std::string& needle) {
     return std::any_of(g_log_records.begin(), g_log_records.end(),
                        [&](const LogRecord& r) { return r.text.find(needle) != r.text.npos; });
   });
+}
+
+std::vector<LogRecord> LogsOf(const std::function<void()>& fn) {
+  TakeLogRecords();
+  testing::internal::CaptureStdout();
+  fn();
+  testing::internal::GetCapturedStdout();
+  return TakeLogRecords();
 }
 
 }  // namespace testutil

@@ -5,13 +5,13 @@
 // size or run (the half-published first fold that once happened; under AddressSanitizer a read
 // past a buffer), or another run's frame folded in, shows as a byte off the header's value.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstdio>
+#include <csignal>
 #include <cstdlib>
-#include <future>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -21,34 +21,19 @@
 
 namespace {
 
-// Aborts, naming the last step reached, when no step is reached for 30 s: a hang fails at once
-// with a clue instead of running into the CI time-out.
-class Watchdog {
- public:
-  ~Watchdog() {
-    stop_.set_value();
-    thread_.join();
-  }
-  void Step(const char* what) {
-    step_ = what;
-    ++steps_;
-  }
-
- private:
-  std::atomic<const char*> step_{"start"};
-  std::atomic<uint64_t> steps_{0};
-  std::promise<void> stop_;
-  std::thread thread_{[this, stopped = stop_.get_future()] {
-    for (uint64_t seen = 0, idle = 0;
-         stopped.wait_for(std::chrono::seconds(1)) == std::future_status::timeout;) {
-      idle = steps_ == seen ? idle + 1 : (seen = steps_, 0);
-      if (idle == 30) {
-        std::fprintf(stderr, "stress_test: no progress for 30 s; last step: %s\n", step_.load());
-        std::abort();
-      }
-    }
-  }};
-};
+// The watchdog: SIGALRM, re-armed at every step, aborts naming the last step reached when none is
+// reached for 30 s, so that a hang fails at once with a clue instead of running into the CI
+// time-out.
+std::atomic<const char*> g_step{"start"};
+void Step(const char* what) {
+  g_step = what;
+  alarm(30);
+}
+void Hung(int) {
+  for (const char* part : {"stress_test: no progress for 30 s; last step: ", g_step.load(), "\n"})
+    if (write(2, part, std::strlen(part)) < 0) break;
+  std::abort();
+}
 
 struct Size {
   int width, height;
@@ -63,8 +48,8 @@ uint8_t RunValue(uint32_t run) { return static_cast<uint8_t>(17 + run * 37 % 200
 // Pictures taken into buffers as large as the largest frame a handle sees: after a restart the
 // previous run's (perhaps larger) sizes come back until the new run's first frame is folded in.
 struct Camera {
-  std::vector<uint8_t> y = std::vector<uint8_t>(size_t{k1080p.width} * k1080p.height),
-                       uv = std::vector<uint8_t>(y.size() / 2);
+  std::vector<uint8_t> planes[2] = {std::vector<uint8_t>(size_t{k1080p.width} * k1080p.height),
+                                    std::vector<uint8_t>(size_t{k1080p.width} * k1080p.height / 2)};
   std::atomic<int> bad{0}, taken{0};
   rect roi{};
 };
@@ -74,8 +59,11 @@ class PipelineStress : public testing::Test {
   void SetUp() override {
     testing::internal::CaptureStdout();  // every start and stop logs a handful of lines
     ASSERT_EQ(flowing_water_get_API(&api_), 0);
+    std::signal(SIGALRM, &Hung);
+    Step("start");
   }
   void TearDown() override {
+    alarm(0);
     testing::internal::GetCapturedStdout();
     testutil::TakeLogRecords();
   }
@@ -83,18 +71,16 @@ class PipelineStress : public testing::Test {
   // disagree with the run that word names, or whose sizes exceed the buffers.
   uint32_t Take(void* handle, Camera& camera) {
     image out{};
-    out.planes[0].data = camera.y.data();
-    out.planes[1].data = camera.uv.data();
+    for (int p = 0; p < 2; ++p) out.planes[p].data = camera.planes[p].data();
     camera.bad += api_.get_process_image_result(handle, &out, &camera.roi) != 0;
     ++camera.taken;
-    if (out.plane_num == 0) return 0;
     const uint8_t value = RunValue(out.attr0);
     const auto off = [value](uint8_t b) { return b != value && b != value - 1; };
-    const size_t luma = size_t{out.planes[0].width} * out.planes[0].height;
-    const size_t chroma = size_t{out.planes[1].width} * out.planes[1].height;
-    camera.bad += luma > camera.y.size() || chroma > camera.uv.size() ||
-                  std::any_of(camera.y.begin(), camera.y.begin() + luma, off) ||
-                  std::any_of(camera.uv.begin(), camera.uv.begin() + chroma, off);
+    for (const auto& [plane, data] : {std::pair{out.planes[0], &camera.planes[0]},
+                                      std::pair{out.planes[1], &camera.planes[1]}}) {
+      const size_t n = size_t{plane.width} * plane.height;  // 0 before any fold
+      camera.bad += n > data->size() || std::any_of(data->begin(), data->begin() + n, off);
+    }
     return out.attr0;
   }
   // Hands in the run's first frame and polls in a tight loop until its header word comes back,
@@ -102,7 +88,7 @@ class PipelineStress : public testing::Test {
   void FirstFrame(void* handle, Camera& camera, Size size, uint32_t run) {
     Feed(handle, size, run);
     while (Take(handle, camera) != run) std::this_thread::yield();
-    watchdog_.Step("first frame folded");
+    Step("first frame folded");
   }
   void Feed(void* handle, Size size, uint32_t run) {
     testutil::Frame frame = testutil::FlatFrame(size.width, size.height, RunValue(run));
@@ -113,12 +99,11 @@ class PipelineStress : public testing::Test {
   }
   void WaitUntilIdle() {
     while (ThreadPool::instance()->pendingJobs() != 0) std::this_thread::yield();
-    watchdog_.Step("pool idle");
+    Step("pool idle");
   }
   static velmora_algo& Algo(void* handle) { return *static_cast<velmora_algo*>(handle); }
 
   flowing_water_api api_{};
-  Watchdog watchdog_;
 };
 
 TEST_F(PipelineStress, ThousandStartStopCyclesWithFramesInFlightAndAPictureReader) {
@@ -157,9 +142,7 @@ TEST_F(PipelineStress, ThousandStartStopCyclesWithFramesInFlightAndAPictureReade
         WaitUntilIdle();  // the first frame's job ended with the queue empty: a post
         Feed(handle, size, run);
         WaitUntilIdle();
-        testutil::Gate gate;
-        pool->submit({&testutil::Gate::Job, &gate});
-        gate.WaitEntered();
+        testutil::Gate gate(pool);
         for (int f = 0; f < 300; ++f) Feed(handle, size, run);
         testutil::TakeLogRecords();
         std::thread stopper([&] { api_.stop_process(handle); });
@@ -180,7 +163,7 @@ TEST_F(PipelineStress, ThousandStartStopCyclesWithFramesInFlightAndAPictureReade
         EXPECT_GE(Algo(handle).folded_frames(), 1);
         EXPECT_LE(Algo(handle).folded_frames(), 1 + in_flight);
       }
-      watchdog_.Step("run stopped");
+      Step("run stopped");
       EXPECT_EQ(Take(handle, app), shown = run);
       EXPECT_EQ(app.roi.x, static_cast<int32_t>(run)) << "each run keeps its own first rect";
       testutil::TakeLogRecords();

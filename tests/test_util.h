@@ -4,14 +4,9 @@
 #ifndef VELMORA_TESTS_TEST_UTIL_H
 #define VELMORA_TESTS_TEST_UTIL_H
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <condition_variable>
 #include <cstdint>
-#include <cstdio>
-#include <mutex>
-#include <regex>
+#include <functional>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -82,48 +77,31 @@ std::vector<LogRecord> TakeLogRecords();  // returns and clears what was recorde
 // Blocks until a record whose text contains needle arrives (true) or a few seconds pass (false).
 bool WaitForLogText(const std::string& needle);
 
-// What the library logged while fn ran, its copy on standard output swallowed. Inline, so that
-// programs that never call it keep the library's own log sink.
-template <class Fn>
-std::vector<LogRecord> LogsOf(Fn&& fn) {
-  TakeLogRecords();
-  std::fflush(stdout);
-  const int saved = dup(1), null = open("/dev/null", O_WRONLY);
-  dup2(null, 1);
-  close(null);
-  fn();
-  std::fflush(stdout);
-  dup2(saved, 1);
-  close(saved);
-  return TakeLogRecords();
-}
+// What the library logged while fn ran, its copy on standard output swallowed. In log_capture.cpp,
+// so that programs that never call it keep the library's own log sink.
+std::vector<LogRecord> LogsOf(const std::function<void()>& fn);
 
-// A log text with its line number (which moves with every edit) replaced by N.
-inline std::string MaskLineNumber(const std::string& text) {
-  return std::regex_replace(text, std::regex("\\] \\d+  "), "] N  ");
-}
+// Holds the single worker of a running pool from construction until Open(), so that what is
+// submitted meanwhile queues behind it. (A template, so that this header needs no pool.)
+class Gate {
+ public:
+  template <class Pool>
+  explicit Gate(Pool* pool) {
+    std::future<void> entered = entered_.get_future();
+    pool->submit({&Hold, this});
+    entered.wait();
+  }
+  void Open() { open_.set_value(); }
 
-// A pool job that holds its worker until Open(), so what is submitted meanwhile queues behind it.
-struct Gate {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool entered = false, open = false;
-  static void Job(void* arg) {
+ private:
+  static void Hold(void* arg) {
     Gate* gate = static_cast<Gate*>(arg);
-    std::unique_lock<std::mutex> lock(gate->mutex);
-    gate->entered = true;
-    gate->cv.notify_all();
-    gate->cv.wait(lock, [gate] { return gate->open; });
+    const std::shared_future<void> opened = gate->opened_;  // the gate may be gone once open
+    gate->entered_.set_value();
+    opened.wait();
   }
-  void WaitEntered() {
-    std::unique_lock<std::mutex> lock(mutex);
-    cv.wait(lock, [this] { return entered; });
-  }
-  void Open() {
-    std::lock_guard<std::mutex> lock(mutex);
-    open = true;
-    cv.notify_all();
-  }
+  std::promise<void> entered_, open_;
+  std::shared_future<void> opened_ = open_.get_future();
 };
 
 }  // namespace testutil
