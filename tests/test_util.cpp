@@ -62,7 +62,6 @@ Frame ReferenceMean::Result(int width, int height) const {
 
 void ReferenceSharpen(const uint8_t* src_y, const uint8_t* src_uv, uint8_t* dst_y, uint8_t* dst_uv,
                       int width, int height, int threshold, float amount) {
-  if (width < 1 || height < 1) return;
   const int w = width, kWeight[3] = {1, 2, 1};
   // Truncation toward zero, saturating at the int32 limits.
   const auto saturate = [](double v) {
@@ -107,13 +106,11 @@ std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
   const double tilt_x = 60 * unit() - 30, tilt_y = 60 * unit() - 30;
   const double phase_x = kTau * unit(), phase_y = kTau * unit();
   std::vector<double> v(size_t(width) * height);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
       v[size_t(y) * width + x] = 120 + tilt_x * (x / w - 0.5) + tilt_y * (y / h - 0.5) +
                                  15 * std::sin(kTau * x / w + phase_x) *
                                      std::cos(kTau * y / h + phase_y);
-    }
-  }
   // Sharp-edged shapes sized by the image, so that the count of corners does not depend on it.
   for (int k = 0; k < 48; ++k) {
     const bool ellipse = k % 4 == 3;

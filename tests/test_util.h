@@ -74,8 +74,6 @@ struct LogRecord {
   std::string tag, text;
 };
 std::vector<LogRecord> TakeLogRecords();  // returns and clears what was recorded
-// Blocks until a record whose text contains needle arrives (true) or a few seconds pass (false).
-bool WaitForLogText(const std::string& needle);
 
 // What the library logged while fn ran, its copy on standard output swallowed. In log_capture.cpp,
 // so that programs that never call it keep the library's own log sink.
