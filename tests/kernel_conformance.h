@@ -30,7 +30,7 @@ struct ConformanceSize {
   int height;
 };
 // Widths 1..33 at heights 1, 2, 3, 5 and 17; 640 and 1920 at heights 1, 2 and 5.
-const std::vector<ConformanceSize>& ConformanceSizes();
+std::vector<ConformanceSize> ConformanceSizes();
 
 // The family's own sizes where it has them.
 template <class F>

@@ -119,14 +119,13 @@ std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
     const double turn = (k % 3 == 0) ? kTau * unit() : 0.0;
     const double c = std::cos(turn), s = std::sin(turn);
     const double level = 20 + 215 * unit(), reach = std::hypot(a, b);
-    for (int y = std::max(0, int(cy - reach)); y <= std::min(height - 1, int(cy + reach)); ++y) {
+    for (int y = std::max(0, int(cy - reach)); y <= std::min(height - 1, int(cy + reach)); ++y)
       for (int x = std::max(0, int(cx - reach)); x <= std::min(width - 1, int(cx + reach)); ++x) {
         const double u = (x - cx) * c + (y - cy) * s, t = -(x - cx) * s + (y - cy) * c;
         const bool inside = ellipse ? (u * u) / (a * a) + (t * t) / (b * b) <= 1.0
                                     : std::abs(u) <= a && std::abs(t) <= b;
         if (inside) v[size_t(y) * width + x] = level + 10 * (u + t) / side;
       }
-    }
   }
   // Mild sensor noise, then 8 bits.
   std::vector<uint8_t> image(v.size());
@@ -148,14 +147,12 @@ std::vector<float> RandomFloats(size_t count, uint32_t seed, int special_in) {
       continue;
     }
     const int k = kind(rng);
-    if (k < 5) {
-      f = specials[k];
-    } else if (k == 5) {
-      f = 1e-40f * unit(rng);  // subnormal
-    } else {
+    if (k == 6) {
       const uint32_t b = static_cast<uint32_t>(rng());
       std::memcpy(&f, &b, 4);
+      continue;
     }
+    f = k < 5 ? specials[k] : 1e-40f * unit(rng);  // the last a subnormal
   }
   return v;
 }

@@ -81,25 +81,23 @@ std::vector<LogRecord> LogsOf(const std::function<void()>& fn);
 
 // Holds the single worker of a running pool from construction until Open(), so that what is
 // submitted meanwhile queues behind it. (A template, so that this header needs no pool.)
-class Gate {
- public:
+struct Gate {
   template <class Pool>
   explicit Gate(Pool* pool) {
-    std::future<void> entered = entered_.get_future();
+    std::future<void> held = entered.get_future();
     pool->submit({&Hold, this});
-    entered.wait();
+    held.wait();
   }
-  void Open() { open_.set_value(); }
-
- private:
+  void Open() { open.set_value(); }
   static void Hold(void* arg) {
     Gate* gate = static_cast<Gate*>(arg);
-    const std::shared_future<void> opened = gate->opened_;  // the gate may be gone once open
-    gate->entered_.set_value();
+    const std::shared_future<void> opened = gate->opened;  // the gate may be gone once open
+    gate->entered.set_value();
     opened.wait();
   }
-  std::promise<void> entered_, open_;
-  std::shared_future<void> opened_ = open_.get_future();
+
+  std::promise<void> entered, open;
+  std::shared_future<void> opened = open.get_future();
 };
 
 }  // namespace testutil
