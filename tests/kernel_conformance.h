@@ -26,8 +26,7 @@ class KernelConformance : public ::testing::TestWithParam<Isa> {};
 inline void PrintTo(Isa isa, std::ostream* out) { *out << IsaName(isa); }
 
 struct ConformanceSize {
-  int width;
-  int height;
+  int width, height;
 };
 // Widths 1..33 at heights 1, 2, 3, 5 and 17; 640 and 1920 at heights 1, 2 and 5.
 std::vector<ConformanceSize> ConformanceSizes();

@@ -98,16 +98,6 @@ class PipelineStress : public testing::Test {
     rect roi{static_cast<int32_t>(record.attr0), 0, size.width, size.height};
     ASSERT_EQ(api_.process_image(handle, &record, &roi), 0);
   }
-  void WaitUntilIdle() {
-    while (ThreadPool::instance()->pendingJobs() != 0) std::this_thread::yield();
-    Step("pool idle");
-  }
-  static bool Logged(const std::string& text) {
-    const auto records = testutil::TakeLogRecords();
-    return std::any_of(records.begin(), records.end(),
-                       [&](const auto& r) { return r.text.find(text) != r.text.npos; });
-  }
-  static velmora_algo& Algo(void* handle) { return *static_cast<velmora_algo*>(handle); }
 
   flowing_water_api api_{};
 };
@@ -121,7 +111,6 @@ TEST_F(PipelineStress, ThousandStartStopCyclesWithFramesInFlightAndAPictureReade
   uint32_t run = 0;
   for (int h = 0; h < 200; ++h) {
     void* handle = api_.init_handle();
-    ASSERT_NE(handle, nullptr);
     std::atomic<bool> released{false};
     std::thread reading([&] {
       for (; !released; std::this_thread::yield()) Take(handle, reader);
@@ -139,22 +128,25 @@ TEST_F(PipelineStress, ThousandStartStopCyclesWithFramesInFlightAndAPictureReade
         // without draining and the frames stay queued, unrun, their copies kept, pointing at a
         // handle that may be released next. The worker is held until the stop has cleared the
         // pool's running flag, so that all of them are left behind every time.
-        WaitUntilIdle();  // the first frame's job ended with the queue empty: a post
+        // The first frame's job, then this frame's, ends with the queue empty: a post each.
+        while (pool->pendingJobs() != 0) std::this_thread::yield();
         Feed(handle, size, run);
-        WaitUntilIdle();
+        while (pool->pendingJobs() != 0) std::this_thread::yield();
         testutil::Gate gate(pool);
         for (int f = 0; f < 300; ++f) Feed(handle, size, run);
         testutil::TakeLogRecords();
         std::thread stopper([&] { api_.stop_process(handle); });
-        while (!Logged("threadpoll ==> shutdown 222")) std::this_thread::yield();
+        for (bool cleared = false; !cleared; std::this_thread::yield())  // the stop logs it
+          for (const auto& record : testutil::TakeLogRecords())
+            cleared |= record.text.find("threadpoll ==> shutdown 222") != std::string::npos;
         gate.Open();
         stopper.join();
         EXPECT_EQ(pool->pendingJobs(), 300) << "left in the queue, unrun";
         // A second stop once waited on the destroyed semaphore for jobs nothing would run.
         EXPECT_EQ(api_.stop_process(handle), 0);
         Feed(handle, size, run);  // refused once stopped: not counted
-        EXPECT_EQ(Algo(handle).added_frames(), 302u);
-        EXPECT_EQ(Algo(handle).folded_frames(), 2);
+        EXPECT_EQ(static_cast<velmora_algo*>(handle)->added_frames(), 302u);
+        EXPECT_EQ(static_cast<velmora_algo*>(handle)->folded_frames(), 2);
       } else {
         const int in_flight = (h + i) % 7;  // stopped at once: some folded, some dropped
         for (int f = 0; f < in_flight; ++f) Feed(handle, size, run);

@@ -42,10 +42,8 @@ image MakeImage(Frame& frame, uint32_t format) {
 }
 
 void ReferenceMean::Fold(const Frame& frame) {
-  if (folded == 0) {
-    y.assign(frame.y.begin(), frame.y.end());
-    uv.assign(frame.uv.begin(), frame.uv.end());
-  }
+  y.resize(frame.y.size());  // zeros, so the first fold gives the frame itself
+  uv.resize(frame.uv.size());
   const double n = folded++;
   for (size_t i = 0; i < y.size(); ++i) y[i] = (y[i] * n) / (n + 1) + frame.y[i] / (n + 1);
   for (size_t i = 0; i < uv.size(); ++i) uv[i] = (uv[i] * n) / (n + 1) + frame.uv[i] / (n + 1);
