@@ -11,8 +11,6 @@
 
 namespace {
 
-using testutil::Frame;
-
 // Loaded once and never unloaded, as in an app: the library's pool lives until the process ends,
 // and leak reports can still name the library's frames.
 int GetApi(flowing_water_api* api) {
@@ -31,7 +29,7 @@ TEST(Api, LogsEveryStepAndReportsBadInputWithItsCode) {
   ASSERT_EQ(GetApi(&api), 0);
   EXPECT_STREQ(api.get_version(), "Velmora_Verion_0.1.0");
   void* handle = api.init_handle();
-  Frame frame = testutil::FlatFrame(4, 4, 1);
+  testutil::Frame frame = testutil::FlatFrame(4, 4, 1);
   image img = testutil::MakeImage(frame);
   rect roi{};
   const auto records = testutil::LogsOf([&] {
@@ -86,7 +84,7 @@ TEST(Api, ResultCarriesTheFirstFramesHeaderAndRectInTheCallersPlanes) {
   ASSERT_EQ(GetApi(&api), 0);
   void* handle = api.init_handle();
   ASSERT_EQ(api.start_process(handle), 0);
-  Frame frame = testutil::FlatFrame(38, 22, 100), out = testutil::FlatFrame(38, 22, 0);
+  testutil::Frame frame = testutil::FlatFrame(38, 22, 100), out = testutil::FlatFrame(38, 22, 0);
   image img = testutil::MakeImage(frame), header{};
   rect roi{-1, 2, 300, 400}, back{};
   ASSERT_EQ(api.process_image(handle, &img, &roi), 0);

@@ -1,12 +1,13 @@
 // Helpers of the tests and benchmarks (velmora_test_util): random frames, a photograph-like image,
-// an independent reference of the pipeline's arithmetic, temporary files, and the Android log
-// capture (log_capture.cpp, linked in only where used).
+// an independent reference of the pipeline's arithmetic, temporary files, the Android log
+// capture (log_capture.cpp, linked in only where used) and a gate that holds the pool's worker.
 #ifndef VELMORA_TESTS_TEST_UTIL_H
 #define VELMORA_TESTS_TEST_UTIL_H
 
 #include <cstdint>
 #include <functional>
 #include <future>
+#include <regex>  // the log tests match LogRecord texts with it
 #include <string>
 #include <vector>
 
