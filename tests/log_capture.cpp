@@ -1,9 +1,8 @@
 // The capture of what the library hands to the Android log (see test_util.h), in a file of its own
 // so that programs linking the test utilities without wanting it (the benchmarks) keep the
-// library's own sink: the linker brings this in only for TakeLogRecords or WaitForLogText.
-#include <algorithm>
-#include <chrono>
-#include <condition_variable>
+// library's own sink: the linker brings this in only for TakeLogRecords or LogsOf.
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <mutex>
 #include <utility>
@@ -13,7 +12,6 @@
 namespace testutil {
 namespace {
 std::mutex g_log_mutex;
-std::condition_variable g_log_changed;
 std::vector<LogRecord> g_log_records;
 }  // namespace
 
@@ -22,12 +20,12 @@ std::vector<LogRecord> TakeLogRecords() {
   return std::exchange(g_log_records, {});
 }
 
-bool WaitForLogText(const std::string& needle) {
-  std::unique_lock<std::mutex> lock(g_log_mutex);
-  return g_log_changed.wait_for(lock, std::chrono::seconds(10), [&] {
-    return std::any_of(g_log_records.begin(), g_log_records.end(),
-                       [&](const LogRecord& r) { return r.text.find(needle) != r.text.npos; });
-  });
+std::vector<LogRecord> LogsOf(const std::function<void()>& fn) {
+  TakeLogRecords();
+  testing::internal::CaptureStdout();
+  fn();
+  testing::internal::GetCapturedStdout();
+  return TakeLogRecords();
 }
 
 }  // namespace testutil
@@ -35,10 +33,7 @@ bool WaitForLogText(const std::string& needle) {
 // Replaces the library's default log sink (in the unit tests by static linking, in the API test
 // because the executable exports it to the dlopened library).
 extern "C" int __android_log_write(int prio, const char* tag, const char* text) {
-  {
-    std::lock_guard<std::mutex> lock(testutil::g_log_mutex);
-    testutil::g_log_records.push_back({prio, tag, text});
-  }
-  testutil::g_log_changed.notify_all();
+  std::lock_guard<std::mutex> lock(testutil::g_log_mutex);
+  testutil::g_log_records.push_back({prio, tag, text});
   return static_cast<int>(std::strlen(text));
 }

@@ -42,10 +42,8 @@ image MakeImage(Frame& frame, uint32_t format) {
 }
 
 void ReferenceMean::Fold(const Frame& frame) {
-  if (folded == 0) {
-    y.assign(frame.y.begin(), frame.y.end());
-    uv.assign(frame.uv.begin(), frame.uv.end());
-  }
+  y.resize(frame.y.size());  // zeros, so the first fold gives the frame itself
+  uv.resize(frame.uv.size());
   const double n = folded++;
   for (size_t i = 0; i < y.size(); ++i) y[i] = (y[i] * n) / (n + 1) + frame.y[i] / (n + 1);
   for (size_t i = 0; i < uv.size(); ++i) uv[i] = (uv[i] * n) / (n + 1) + frame.uv[i] / (n + 1);
@@ -62,7 +60,6 @@ Frame ReferenceMean::Result(int width, int height) const {
 
 void ReferenceSharpen(const uint8_t* src_y, const uint8_t* src_uv, uint8_t* dst_y, uint8_t* dst_uv,
                       int width, int height, int threshold, float amount) {
-  if (width < 1 || height < 1) return;
   const int w = width, kWeight[3] = {1, 2, 1};
   // Truncation toward zero, saturating at the int32 limits.
   const auto saturate = [](double v) {
@@ -107,13 +104,11 @@ std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
   const double tilt_x = 60 * unit() - 30, tilt_y = 60 * unit() - 30;
   const double phase_x = kTau * unit(), phase_y = kTau * unit();
   std::vector<double> v(size_t(width) * height);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
       v[size_t(y) * width + x] = 120 + tilt_x * (x / w - 0.5) + tilt_y * (y / h - 0.5) +
                                  15 * std::sin(kTau * x / w + phase_x) *
                                      std::cos(kTau * y / h + phase_y);
-    }
-  }
   // Sharp-edged shapes sized by the image, so that the count of corners does not depend on it.
   for (int k = 0; k < 48; ++k) {
     const bool ellipse = k % 4 == 3;
@@ -122,14 +117,13 @@ std::vector<uint8_t> TexturedImage(int width, int height, uint32_t seed) {
     const double turn = (k % 3 == 0) ? kTau * unit() : 0.0;
     const double c = std::cos(turn), s = std::sin(turn);
     const double level = 20 + 215 * unit(), reach = std::hypot(a, b);
-    for (int y = std::max(0, int(cy - reach)); y <= std::min(height - 1, int(cy + reach)); ++y) {
+    for (int y = std::max(0, int(cy - reach)); y <= std::min(height - 1, int(cy + reach)); ++y)
       for (int x = std::max(0, int(cx - reach)); x <= std::min(width - 1, int(cx + reach)); ++x) {
         const double u = (x - cx) * c + (y - cy) * s, t = -(x - cx) * s + (y - cy) * c;
         const bool inside = ellipse ? (u * u) / (a * a) + (t * t) / (b * b) <= 1.0
                                     : std::abs(u) <= a && std::abs(t) <= b;
         if (inside) v[size_t(y) * width + x] = level + 10 * (u + t) / side;
       }
-    }
   }
   // Mild sensor noise, then 8 bits.
   std::vector<uint8_t> image(v.size());
@@ -151,14 +145,12 @@ std::vector<float> RandomFloats(size_t count, uint32_t seed, int special_in) {
       continue;
     }
     const int k = kind(rng);
-    if (k < 5) {
-      f = specials[k];
-    } else if (k == 5) {
-      f = 1e-40f * unit(rng);  // subnormal
-    } else {
+    if (k == 6) {
       const uint32_t b = static_cast<uint32_t>(rng());
       std::memcpy(&f, &b, 4);
+      continue;
     }
+    f = k < 5 ? specials[k] : 1e-40f * unit(rng);  // the last a subnormal
   }
   return v;
 }

@@ -1,17 +1,13 @@
 // Helpers of the tests and benchmarks (velmora_test_util): random frames, a photograph-like image,
-// an independent reference of the pipeline's arithmetic, temporary files, and the Android log
-// capture (log_capture.cpp, linked in only where used).
+// an independent reference of the pipeline's arithmetic, temporary files, the Android log
+// capture (log_capture.cpp, linked in only where used) and a gate that holds the pool's worker.
 #ifndef VELMORA_TESTS_TEST_UTIL_H
 #define VELMORA_TESTS_TEST_UTIL_H
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <condition_variable>
 #include <cstdint>
-#include <cstdio>
-#include <mutex>
-#include <regex>
+#include <functional>
+#include <future>
+#include <regex>  // the log tests match LogRecord texts with it
 #include <string>
 #include <vector>
 
@@ -79,51 +75,30 @@ struct LogRecord {
   std::string tag, text;
 };
 std::vector<LogRecord> TakeLogRecords();  // returns and clears what was recorded
-// Blocks until a record whose text contains needle arrives (true) or a few seconds pass (false).
-bool WaitForLogText(const std::string& needle);
 
-// What the library logged while fn ran, its copy on standard output swallowed. Inline, so that
-// programs that never call it keep the library's own log sink.
-template <class Fn>
-std::vector<LogRecord> LogsOf(Fn&& fn) {
-  TakeLogRecords();
-  std::fflush(stdout);
-  const int saved = dup(1), null = open("/dev/null", O_WRONLY);
-  dup2(null, 1);
-  close(null);
-  fn();
-  std::fflush(stdout);
-  dup2(saved, 1);
-  close(saved);
-  return TakeLogRecords();
-}
+// What the library logged while fn ran, its copy on standard output swallowed. In log_capture.cpp,
+// so that programs that never call it keep the library's own log sink.
+std::vector<LogRecord> LogsOf(const std::function<void()>& fn);
 
-// A log text with its line number (which moves with every edit) replaced by N.
-inline std::string MaskLineNumber(const std::string& text) {
-  return std::regex_replace(text, std::regex("\\] \\d+  "), "] N  ");
-}
-
-// A pool job that holds its worker until Open(), so what is submitted meanwhile queues behind it.
+// Holds the single worker of a running pool from construction until Open(), so that what is
+// submitted meanwhile queues behind it. (A template, so that this header needs no pool.)
 struct Gate {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool entered = false, open = false;
-  static void Job(void* arg) {
+  template <class Pool>
+  explicit Gate(Pool* pool) {
+    std::future<void> held = entered.get_future();
+    pool->submit({&Hold, this});
+    held.wait();
+  }
+  void Open() { open.set_value(); }
+  static void Hold(void* arg) {
     Gate* gate = static_cast<Gate*>(arg);
-    std::unique_lock<std::mutex> lock(gate->mutex);
-    gate->entered = true;
-    gate->cv.notify_all();
-    gate->cv.wait(lock, [gate] { return gate->open; });
+    const std::shared_future<void> opened = gate->opened;  // the gate may be gone once open
+    gate->entered.set_value();
+    opened.wait();
   }
-  void WaitEntered() {
-    std::unique_lock<std::mutex> lock(mutex);
-    cv.wait(lock, [this] { return entered; });
-  }
-  void Open() {
-    std::lock_guard<std::mutex> lock(mutex);
-    open = true;
-    cv.notify_all();
-  }
+
+  std::promise<void> entered, open;
+  std::shared_future<void> opened = open.get_future();
 };
 
 }  // namespace testutil
