@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <regex>
 
 #include "common/utils.h"
 #include "test_util.h"

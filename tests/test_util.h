@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <future>
-#include <regex>  // the log tests match LogRecord texts with it
 #include <string>
 #include <vector>
 
